@@ -1,0 +1,15 @@
+# tesk_bam_configure(TARGET): the warnings and sanitizers of every target here.
+function(tesk_bam_configure target)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
+    if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+        target_compile_options(${target} PRIVATE -Wdocumentation)
+    endif()
+    if(TESK_BAM_WARNINGS_AS_ERRORS)
+        target_compile_options(${target} PRIVATE -Werror)
+    endif()
+    if(TESK_BAM_SANITIZE)
+        target_compile_options(${target} PRIVATE
+            -fsanitize=${TESK_BAM_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+        target_link_options(${target} PRIVATE -fsanitize=${TESK_BAM_SANITIZE})
+    endif()
+endfunction()

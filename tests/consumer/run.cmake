@@ -1,0 +1,25 @@
+# Builds and runs the consumer project:
+#   cmake -DMODE=installed|subdirectory -DSOURCE_DIR=... -DBUILD_DIR=... -DCXX=...
+#         -DWORK_DIR=... -P run.cmake
+function(run)
+    execute_process(COMMAND ${ARGN} COMMAND_ERROR_IS_FATAL ANY OUTPUT_QUIET)
+endfunction()
+
+file(REMOVE_RECURSE ${WORK_DIR})
+set(arguments -S ${CMAKE_CURRENT_LIST_DIR} -B ${WORK_DIR}/build -G Ninja
+    -DCMAKE_CXX_COMPILER=${CXX})
+if(MODE STREQUAL installed)
+    run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/prefix)
+    list(APPEND arguments -DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix)
+else()
+    list(APPEND arguments -DTESK_BAM_SOURCE_DIR=${SOURCE_DIR})
+endif()
+run(${CMAKE_COMMAND} ${arguments})
+run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
+execute_process(COMMAND ${WORK_DIR}/build/consumer
+    COMMAND_ERROR_IS_FATAL ANY OUTPUT_VARIABLE printed)
+set(expected "@SQ\tSN:chr1\tLN:1000\nr1\t0\tchr1\t1\t9\t3M\t*\t0\t0\tACG\tIII\n")
+if(NOT printed STREQUAL expected)
+    message(FATAL_ERROR "the consumer printed: ${printed}")
+endif()
+file(REMOVE_RECURSE ${WORK_DIR})

@@ -1,0 +1,891 @@
+// Holds the parser of SAM lines, which has a hand-written cursor, against a
+// plain reading of the same lines with std::istringstream, std::stoi and
+// std::stof, line for line.
+
+#include "util/bam/bam_file.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <iostream>
+#include <locale>
+#include <map>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <typeinfo>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/record_text.h"
+
+namespace tesk::test {
+namespace {
+
+using util::bam::BAMFileHandler;
+using BamRecord = BAMFileHandler::BamRecord;
+using AuxNumericalArray = BAMFileHandler::AuxNumericalArray;
+
+constexpr char FILE_NAME[] = "reads.sam";
+
+// The letter that the handlers of these tests know as an operation that no BAM
+// file has.
+constexpr char REFUSED_OPERATION = 'Q';
+
+// --- The plain reading -----------------------------------------------------
+
+// A line that the plain reading refuses; what() is the whole message.
+struct Refused : std::exception {
+    explicit Refused(std::string text) : message(std::move(text)) {}
+    char const* what() const noexcept override { return message.c_str(); }
+    std::string message;
+};
+
+// The record that a line gives, as far as it was read.
+struct Reading {
+    BamRecord record;
+    bool has_columns = false;  // the eleven columns were read and packed
+};
+
+std::int32_t low_32_bits(long value) {
+    auto const bits = static_cast<std::uint32_t>(static_cast<unsigned long>(value));
+    std::int32_t result = 0;
+    std::memcpy(&result, &bits, sizeof result);
+    return result;
+}
+
+std::int32_t index_of(std::string const& name, std::vector<std::string> const& references) {
+    for (std::size_t i = 0; i < references.size(); ++i) {
+        if (references[i] == name) return static_cast<std::int32_t>(i);
+    }
+    return -1;
+}
+
+void read_cigar(std::string const& text, BamRecord& record) {
+    if (text == "*") {
+        record.ref_length = 1;
+        return;
+    }
+    static std::string const LETTERS = "MIDNSHP=X";
+    char const* next = text.c_str();
+    char const* const end = next + text.size();
+    while (next < end) {
+        char* after = nullptr;
+        long const length = std::strtol(next, &after, 10);
+        char const letter = *after;
+        if (letter == REFUSED_OPERATION) {
+            throw Refused(std::string("Invalid cigar op detected: '") + letter + "'");
+        }
+        std::size_t const code = letter == '\0' ? std::string::npos : LETTERS.find(letter);
+        if (code == std::string::npos) {
+            record.cigar.push_back(0xFFFFFFFF);
+        } else {
+            record.cigar.push_back(static_cast<std::uint32_t>(low_32_bits(length)) << 4 |
+                                   static_cast<std::uint32_t>(code));
+            if (std::string("MDN=X").find(letter) != std::string::npos) {
+                record.ref_length += static_cast<unsigned long>(long{low_32_bits(length)});
+            }
+        }
+        next = after + 1;
+    }
+}
+
+void read_bases(std::string const& text, BamRecord& record) {
+    if (text == "*") return;
+    static std::string const LETTERS = "=ACMGRSVTWYHKDBN";
+    record.l_seq = static_cast<std::int32_t>(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        char const base = text[i] == 'U' ? 'T' : text[i];
+        std::size_t code = base == '\0' ? std::string::npos : LETTERS.find(base);
+        bool const is_unpaired = i % 2 == 0 && i + 1 == text.size();
+        if (code == std::string::npos) {
+            if (!is_unpaired) throw Refused("Invalid sequence code detected");
+            code = 15;
+        }
+        if (i % 2 == 0) {
+            record.seq.push_back(static_cast<std::uint8_t>(code << 4));
+        } else {
+            record.seq.back() = static_cast<std::uint8_t>(record.seq.back() | code);
+        }
+    }
+}
+
+void read_qualities(std::string const& text, BamRecord& record) {
+    for (std::size_t i = 0; i < static_cast<std::size_t>(record.l_seq); ++i) {
+        int const score = text == "*" ? 0xFF : i < text.size() ? text[i] - 33 : 0;
+        record.qual.push_back(static_cast<char>(score));
+    }
+}
+
+// The smallest bin around [beg, end), all in wrapping 32-bit arithmetic.
+std::uint16_t bin_around(std::int32_t beg, std::int32_t end) {
+    std::int32_t const last = low_32_bits(long{end} - 1);
+    std::int32_t first_of_level = 4681;
+    for (int shift = 14; shift <= 26; shift += 3) {
+        if (beg >> shift == last >> shift) {
+            return static_cast<std::uint16_t>(first_of_level + (beg >> shift));
+        }
+        first_of_level = (first_of_level - 1) / 8;
+    }
+    return 0;
+}
+
+std::vector<std::string> pieces_between_commas(std::string const& text) {
+    std::vector<std::string> pieces(1);
+    for (char const c : text) {
+        if (c == ',') {
+            pieces.emplace_back();
+        } else {
+            pieces.back() += c;
+        }
+    }
+    return pieces;
+}
+
+AuxNumericalArray read_array(std::string const& text, std::string const& field) {
+    AuxNumericalArray array;
+    array.type = text.empty() ? '\0' : text[0];
+    for (char const c : text) array.count += c == ',' ? 1 : 0;
+    if (array.count == 0) return array;
+    static std::map<char, std::size_t> const WIDTHS = {{'c', 1}, {'C', 1}, {'s', 2}, {'S', 2},
+                                                       {'i', 4}, {'I', 4}, {'f', 4}};
+    if (WIDTHS.count(array.type) == 0) throw Refused("Invalid aux data detected: " + field);
+    std::size_t const width = WIDTHS.at(array.type);
+    for (std::string const& piece : pieces_between_commas(text.substr(2))) {
+        char bytes[4];
+        if (array.type == 'f') {
+            float const number = std::stof(piece);
+            std::memcpy(bytes, &number, sizeof bytes);
+        } else {
+            int const number = std::stoi(piece);
+            std::memcpy(bytes, &number, sizeof bytes);
+        }
+        if (array.data.size() == array.count * width) {
+            throw std::runtime_error("Hit end of BAM buffer while writing data");
+        }
+        array.data.insert(array.data.end(), bytes, bytes + width);
+    }
+    return array;
+}
+
+boost::any read_value(char type, std::string const& text, std::string const& field) {
+    switch (type) {
+        case 'A': return text.empty() ? '\0' : text[0];
+        case 'i': return std::stoi(text);
+        case 'f': return std::stof(text);
+        case 'Z':
+        case 'H': return text;
+        case 'B': return read_array(text, field);
+        default:
+            throw Refused(std::string("Invalid auxiliary data type) '") + type +
+                          "' found in alignment record in " + FILE_NAME);
+    }
+}
+
+// Throws Refused, or what the conversions of the standard library throw.
+void read_plainly(std::string const& line, std::vector<std::string> const& references,
+                  std::istringstream& in, Reading& reading) {
+    BamRecord& record = reading.record;
+    std::string rname;
+    std::string cigar;
+    std::string rnext;
+    std::string seq;
+    std::string qual;
+    int pos = 0;
+    int mapq = -1;
+    int pnext = 0;
+    in.clear();
+    in.str(line);
+    in >> record.read_name >> record.flag >> rname >> pos >> mapq >> cigar >> rnext >> pnext >>
+        record.tlen >> seq >> qual;
+    for (std::string const* text : {&record.read_name, &rname, &cigar, &rnext, &seq, &qual}) {
+        if (text->empty()) throw Refused("Malformed SAM line detected");
+    }
+    record.pos = low_32_bits(long{pos} - 1);
+    record.next_pos = low_32_bits(long{pnext} - 1);
+    record.mapq = static_cast<std::uint8_t>(mapq & 0xFF);
+    read_cigar(cigar, record);
+    auto const ref_length = static_cast<long>(record.ref_length);
+    record.bin = bin_around(record.pos, low_32_bits(record.pos + long{low_32_bits(ref_length)}));
+    if (rnext == "=") rnext = rname;
+    record.refID = index_of(rname, references);
+    record.next_refID = index_of(rnext, references);
+    read_bases(seq, record);
+    if (record.l_seq != 0) read_qualities(qual, record);
+    reading.has_columns = true;
+
+    if (in.peek() == '\r') {
+        in.get();
+        if (in.peek() != std::istringstream::traits_type::eof()) in.unget();
+    }
+    if (in.peek() == '\t') in.get();
+    while (!in.eof()) {
+        std::string field;
+        std::getline(in, field, '\t');
+        if (field.size() <= 4 || field[2] != ':' || field[4] != ':') {
+            throw Refused("Invalid aux data detected: " + field);
+        }
+        boost::any const value = read_value(field[3], field.substr(5), field);
+        record.aux_data.push_back({field.substr(0, 2), field[3], value});
+    }
+    record.sam_line = line;
+}
+
+// --- The comparison --------------------------------------------------------
+
+// What became of a line, and the record as far as both readings define it.
+struct Outcome {
+    std::string kind;  // of the outcome: the message's fixed words, or the exception
+    std::string text;  // whole message and record
+};
+
+std::string exception_text(std::exception const& fault) {
+    return std::string(typeid(fault).name()) + ": " + fault.what();
+}
+
+// The fixed words of a message.
+std::string kind_of(std::string const& message) {
+    return message.substr(0, message.find_first_of(":'"));
+}
+
+class Comparison {
+public:
+    explicit Comparison(std::vector<std::string> references) : references_(std::move(references)) {
+        for (std::string const& name : references_) handler_.references.push_back({name, 1000});
+        handler_.cigar_op_codes[REFUSED_OPERATION] = 9;
+        handler_.file_name = FILE_NAME;
+        stream_.imbue(std::locale::classic());
+    }
+
+    // Adds a test failure where the two readings of a line differ.
+    void compare(std::string const& line) {
+        ++n_lines_;
+        Reading plain;
+        Outcome const expected = read_by_stream(line, plain);
+        Outcome const found = read_by_handler(line, plain.has_columns);
+        ++counts_[expected.kind];
+        if (expected.kind == "accepted" && !plain.record.aux_data.empty()) ++n_with_fields_;
+        if (expected.text == found.text) return;
+        if (++n_differences_ <= 10) {
+            ADD_FAILURE() << "line " << in_quotes(line) << "\nread with streams: " << expected.text
+                          << "\nby the handler:    " << found.text;
+        }
+    }
+
+    std::size_t n_lines() const { return n_lines_; }
+    std::size_t n_differences() const { return n_differences_; }
+    std::size_t n_accepted_with_fields() const { return n_with_fields_; }
+    std::size_t count(std::string const& kind) const {
+        auto const found = counts_.find(kind);
+        return found == counts_.end() ? 0 : found->second;
+    }
+    std::map<std::string, std::size_t> const& counts() const { return counts_; }
+
+private:
+    Outcome read_by_stream(std::string const& line, Reading& plain) {
+        Outcome outcome;
+        try {
+            read_plainly(line, references_, stream_, plain);
+            outcome = {"accepted", "accepted\n"};
+        } catch (Refused const& refused) {
+            outcome = {kind_of(refused.message), "refused: " + refused.message + '\n'};
+        } catch (std::exception const& fault) {
+            outcome = {exception_text(fault), exception_text(fault) + '\n'};
+        }
+        if (plain.has_columns) outcome.text += record_text(plain.record);
+        return outcome;
+    }
+
+    Outcome read_by_handler(std::string const& line, bool has_columns) {
+        Outcome outcome;
+        BamRecord record;
+        handler_.error_message = "untouched";
+        try {
+            if (handler_.parse_sam_line_to_bam_record(line, record)) {
+                outcome.text = "accepted\n";
+                if (handler_.error_message != "untouched") outcome.text += "with a message\n";
+            } else {
+                outcome.text = "refused: " + handler_.error_message + '\n';
+            }
+        } catch (std::exception const& fault) {
+            outcome.text = exception_text(fault) + '\n';
+        }
+        if (has_columns) outcome.text += record_text(record);
+        return outcome;
+    }
+
+    BAMFileHandler handler_;
+    std::vector<std::string> references_;
+    std::istringstream stream_;
+    std::map<std::string, std::size_t> counts_;
+    std::size_t n_lines_ = 0;
+    std::size_t n_differences_ = 0;
+    std::size_t n_with_fields_ = 0;
+};
+
+// More than a short list of references, some names twice.
+std::vector<std::string> reference_names() {
+    std::vector<std::string> names;
+    for (int i = 1; i <= 30; ++i) names.push_back("chr" + std::to_string(i));
+    for (char const* name : {"chr3", "x", "12", "chrUn", "chr3", "x10", "0"})
+        names.emplace_back(name);
+    return names;
+}
+
+// --- Lines -----------------------------------------------------------------
+
+using Texts = std::vector<std::string>;
+
+Texts const NUMBERS = {"0", "1", "4", "16", "99", "101", "255", "1024", "65535", "16384"};
+
+Texts const ODD_NUMBERS = {"-1",
+                           "+4",
+                           "-0",
+                           "+0",
+                           "007",
+                           "00000000000000000000012",
+                           "254",
+                           "256",
+                           "300",
+                           "-128",
+                           "32767",
+                           "32768",
+                           "65534",
+                           "65536",
+                           "-65535",
+                           "-65536",
+                           "-65537",
+                           "2147483646",
+                           "2147483647",
+                           "2147483648",
+                           "-2147483647",
+                           "-2147483648",
+                           "-2147483649",
+                           "4294967295",
+                           "4294967296",
+                           "9223372036854775807",
+                           "9223372036854775808",
+                           "-9223372036854775808",
+                           "-9223372036854775809",
+                           "18446744073709551615",
+                           "18446744073709551616",
+                           "99999999999999999999999999",
+                           "12x",
+                           "x12",
+                           "0x10",
+                           "0X1F",
+                           "1.5",
+                           ".5",
+                           "1e3",
+                           "1,000",
+                           "--1",
+                           "+-1",
+                           "-+1",
+                           "+",
+                           "-",
+                           "*",
+                           "=",
+                           "1-",
+                           "1+",
+                           "0-1",
+                           "1_000",
+                           "\xEF\xBB\xBF"
+                           "1",
+                           "\xB2",
+                           "nan",
+                           "inf",
+                           "0b1",
+                           "5\x01"};
+
+Texts const NAMES = {"r1", "read/1", "a:b:c", "chr1", "chr3", "chr30", "x",        "12",  "*",
+                     "=",  "chrUn",  "chr31", "CHR1", "chr",  "0",     "\xC3\xA4", "@CO", "q\x01z"};
+
+Texts const CIGARS = {"*",
+                      "4M",
+                      "10M2I5D",
+                      "1S2=1X",
+                      "3H4M3H",
+                      "100N",
+                      "1P",
+                      "0M",
+                      "16384M",
+                      "16385M",
+                      "131072N1M",
+                      "268435455M",
+                      "M",
+                      "MMM",
+                      "10",
+                      "10Q",
+                      "4M3",
+                      "4Q",
+                      "Q",
+                      "10Z",
+                      "4m",
+                      "**",
+                      "*4M",
+                      "-5M",
+                      "+7M",
+                      "5-3M",
+                      "+-5M",
+                      "--M",
+                      "-",
+                      "2147483647M",
+                      "2147483648M",
+                      "4294967297N",
+                      "99999999999999999999D",
+                      "-99999999999999999999M",
+                      "9223372036854775807M",
+                      "1M1M1M1M1M1M1M1M",
+                      "0x5M",
+                      "1.5M",
+                      "4M\xFF"};
+
+Texts const SEQS = {"ACGT",
+                    "*",
+                    "A",
+                    "ACGTN",
+                    "=ACMGRSVTWYHKDBN",
+                    "UUUU",
+                    "ACG",
+                    "acgt",
+                    "ACGa",
+                    "ACGTa",
+                    "a",
+                    "AC*T",
+                    "**",
+                    "A.",
+                    ".",
+                    "ACGTACGTACGTACGTACGTACGTACGTACG",
+                    "N-",
+                    "uACG",
+                    "ACx"};
+
+Texts const QUALS = {"IIII",
+                     "*",
+                     "!",
+                     "~~~~",
+                     "IIIII",
+                     "II",
+                     "**",
+                     "*III",
+                     "I*",
+                     "!\"#$%&'()+,-./",
+                     "\xFF\x80zz",
+                     "@@@@",
+                     "IIIIIIIIIIIIIIIIIIIIIIIIIIIIIII",
+                     "::::",
+                     "=\x01=="};
+
+Texts const SEPARATORS = {" ",    "\t\t", "  ",   "\v",  "\f",   "\r", "\n",
+                          " \t ", "",     "\r\t", "\t ", "\t\r", ",",  std::string(1, '\0')};
+
+Texts const ENDINGS = {"",
+                       "\t",
+                       "\r",
+                       "\r\r",
+                       " ",
+                       "\t\t",
+                       "\t\r",
+                       "\r\t",
+                       "\v",
+                       " \r",
+                       "\r ",
+                       "\n",
+                       "\r\n",
+                       "\f",
+                       "\tNM",
+                       ":",
+                       "\tNM:i:1\t",
+                       "\r\tNM:i:1",
+                       " NM:i:1",
+                       " N:i:1",
+                       "\rN:i:1",
+                       "\tNM:i:1\r",
+                       "\tCO:Z:x\r",
+                       "\t\tNM:i:1",
+                       "\tNM:i:1\t\tAS:i:2",
+                       "\tXA:A:x\r\t"};
+
+Texts const TAGS = {"NM", "XX", "a1", "::", "  ", "CG", "\r\r", "9_"};
+
+Texts const FIELD_TYPES = {"A", "i", "f", "Z", "H", "B", "c", "C",  "s", "S",
+                           "I", "z", "b", "F", ":", " ", "0", "\r", "d"};
+
+Texts const TEXTS = {"", "x", "a:b", "hello world", "1AE301", "*", "\r", " ", "\x01\xFF", "x\r"};
+
+// What stands where an optional number belongs.
+Texts const OPTIONAL_NUMBERS = {"0",
+                                "5",
+                                "-3",
+                                "+7",
+                                " 8",
+                                "\v9",
+                                "\r10",
+                                "12abc",
+                                "3.7",
+                                "007",
+                                "-0",
+                                "",
+                                " ",
+                                "-",
+                                "+",
+                                "x",
+                                "--1",
+                                "+-1",
+                                "0x10",
+                                "0X",
+                                "0x",
+                                "2147483647",
+                                "2147483648",
+                                "-2147483648",
+                                "-2147483649",
+                                "4294967295",
+                                "300",
+                                "-129",
+                                "65536",
+                                "99999999999999999999",
+                                "1 2",
+                                "5:6",
+                                "5\r",
+                                std::string("5\0"
+                                            "6",
+                                            3),
+                                "1.5",
+                                "-1.5",
+                                ".5",
+                                "5.",
+                                ".",
+                                "-.5",
+                                "+.5",
+                                "1e5",
+                                "1e",
+                                "1e+",
+                                "1E-3",
+                                "1e38",
+                                "3.4028235e38",
+                                "3.4028235677973366e38",
+                                "3.4028236e38",
+                                "1e39",
+                                "-1e39",
+                                "1e400",
+                                "1.1754944e-38",
+                                "1.17549435e-38",
+                                "1.1754942e-38",
+                                "1.4e-45",
+                                "1e-40",
+                                "-1e-40",
+                                "1e-45",
+                                "7e-46",
+                                "1e-50",
+                                "0e999",
+                                "0e-999",
+                                "0.0000000000000000000000000000000000000000000001",
+                                "nan",
+                                "NaN",
+                                "-nan",
+                                "nan(1)",
+                                "nan(zz",
+                                "NAN()",
+                                "inf",
+                                "-inf",
+                                "+inf",
+                                "INFINITY",
+                                "infinit",
+                                "in",
+                                "na",
+                                "0x1p3",
+                                "-0x1.8p1",
+                                "0x.8",
+                                "0x1p-140",
+                                "0x1p200",
+                                "0xg",
+                                "0X1P0",
+                                "00x1",
+                                "1,5",
+                                "16777217",
+                                "16777219",
+                                "0.1",
+                                "0.30000001192092896",
+                                "9007199254740993",
+                                "1e0000000000000000000005",
+                                "340282356779733661637539395458142568447",
+                                "340282356779733661637539395458142568448",
+                                "1e-37x",
+                                "1_0",
+                                "1f",
+                                "1L"};
+
+constexpr char ELEMENT_LETTERS[] = {'c', 'C', 's', 'S', 'i', 'I', 'f'};
+
+class LineGenerator {
+public:
+    // Yes, one time in n.
+    bool one_in(std::size_t n) { return below(n) == 0; }
+
+    std::size_t below(std::size_t n) { return static_cast<std::size_t>(random_() % n); }
+
+    std::string const& one_of(Texts const& texts) { return texts[below(texts.size())]; }
+
+    // A line most of which is in order, with an oddity or two in about half of
+    // the lines.
+    std::string line() {
+        std::string text;
+        bool const has_odd_number = one_in(6);
+        bool const has_odd_separator = one_in(12);
+        for (int column = QNAME; column <= QUAL; ++column) {
+            if (column != QNAME) {
+                text += has_odd_separator && one_in(8) ? one_of(SEPARATORS) : std::string("\t");
+            }
+            text += column_text(static_cast<SamColumn>(column), has_odd_number);
+        }
+        std::size_t const n_fields = one_in(2) ? below(6) : 0;
+        bool const has_odd_field = one_in(4);
+        for (std::size_t i = 0; i < n_fields; ++i) text += '\t' + field(has_odd_field);
+        if (one_in(10)) text += one_of(ENDINGS);
+        if (one_in(12)) drop_column(text);
+        if (one_in(6)) change_bytes(text);
+        return text;
+    }
+
+    // A decimal number with digits and exponents of any size, where rounding is
+    // hard now and then.
+    std::string float_number() {
+        std::string text = one_in(4) ? "-" : "";
+        std::size_t const n_digits = 1 + below(one_in(5) ? 60 : 12);
+        std::size_t const point = below(n_digits + 3);
+        for (std::size_t i = 0; i < n_digits; ++i) {
+            if (i == point) text += '.';
+            text += static_cast<char>('0' + below(10));
+        }
+        if (one_in(2)) {
+            text += one_in(2) ? 'e' : 'E';
+            text += one_in(2) ? "-" : one_in(2) ? "+" : "";
+            text += std::to_string(below(one_in(2) ? 12 : 50));
+        }
+        return text;
+    }
+
+    // The exact decimal text of a number halfway between two neighbouring
+    // floats, or a hair's breadth beside it.
+    std::string halfway_number() {
+        auto const bits = static_cast<std::uint32_t>((90 + below(80)) << 23 | below(1U << 23));
+        float lower = 0;
+        std::memcpy(&lower, &bits, sizeof lower);
+        std::uint32_t const upper_bits = bits + 1;
+        float upper = 0;
+        std::memcpy(&upper, &upper_bits, sizeof upper);
+        char text[256];
+        std::snprintf(text, sizeof text, "%.80f", (double{lower} + double{upper}) / 2);
+        std::string const number = text;
+        std::size_t const choice = below(3);
+        if (choice == 1) return number + "000001";
+        if (choice == 2) return number.substr(0, number.size() - 1 - below(60));
+        return number;
+    }
+
+private:
+    std::string column_text(SamColumn column, bool may_be_odd_number) {
+        switch (column) {
+            case QNAME:
+            case RNAME:
+            case RNEXT: return one_of(NAMES);
+            case CIGAR: return one_of(CIGARS);
+            case SEQ: return one_in(3) ? one_of(SEQS) : SEQS[below(8)];
+            case QUAL: return one_of(QUALS);
+            default: return may_be_odd_number && one_in(3) ? one_of(ODD_NUMBERS) : one_of(NUMBERS);
+        }
+    }
+
+    std::string number(bool may_be_odd) {
+        if (one_in(3)) return one_in(4) ? halfway_number() : float_number();
+        return OPTIONAL_NUMBERS[below(may_be_odd ? OPTIONAL_NUMBERS.size() : 11)];
+    }
+
+    std::string field(bool may_be_odd) {
+        std::string const tag = may_be_odd && one_in(4) ? one_of(TAGS) : TAGS[below(3)];
+        std::string const type =
+            may_be_odd && one_in(6) ? one_of(FIELD_TYPES) : FIELD_TYPES[below(6)];
+        std::string text = tag + ':' + type + ':';
+        if (type == "i" || type == "f") {
+            text += number(may_be_odd);
+        } else if (type == "B") {
+            text += array(may_be_odd);
+        } else {
+            text += one_of(TEXTS);
+        }
+        if (may_be_odd && one_in(10)) text.resize(below(text.size() + 1));
+        return text;
+    }
+
+    std::string array(bool may_be_odd) {
+        std::string text(1, ELEMENT_LETTERS[below(sizeof ELEMENT_LETTERS)]);
+        bool const is_odd = may_be_odd && one_in(2);
+        if (is_odd && one_in(3)) text = one_of(TEXTS);
+        std::size_t const n_elements = below(6);
+        for (std::size_t i = 0; i < n_elements; ++i) {
+            text += is_odd && one_in(i == 0 ? 2 : 8) ? std::string("x") : std::string(",");
+            text += number(is_odd && one_in(3));
+        }
+        return text;
+    }
+
+    void drop_column(std::string& text) {
+        std::size_t const tab = text.find('\t', below(text.size() + 1));
+        if (tab == std::string::npos) {
+            text.resize(below(text.size() + 1));
+        } else {
+            text.erase(tab, text.find('\t', tab + 1) - tab);
+        }
+    }
+
+    void change_bytes(std::string& text) {
+        static std::string const BYTES =
+            std::string("\t\t\t  \r\n\v\f+-0123456789.:,*=xXeEMB\x7F\x80\xFF") + '\0';
+        for (std::size_t n = 1 + below(3); n != 0; --n) {
+            std::size_t const at = below(text.size() + 1);
+            char const byte = BYTES[below(BYTES.size())];
+            std::size_t const change = below(3);
+            if (change == 0 || at == text.size()) {
+                text.insert(at, 1, byte);
+            } else if (change == 1) {
+                text[at] = byte;
+            } else {
+                text.erase(at, 1);
+            }
+        }
+    }
+
+    std::mt19937_64 random_{20240229};
+};
+
+// --- Tests -----------------------------------------------------------------
+
+TEST(SamTokeniser, Line_OddTextInAnyColumn_ReadsAsWithStreams) {
+    Comparison comparison(reference_names());
+    for (int column = QNAME; column <= QUAL; ++column) {
+        for (Texts const* texts : {&NUMBERS, &ODD_NUMBERS, &NAMES, &CIGARS, &SEQS, &QUALS,
+                                   &SEPARATORS, &OPTIONAL_NUMBERS}) {
+            for (std::string const& text : *texts) {
+                for (char const* ending : {"", "\tNM:i:1", "\r", "\t"}) {
+                    comparison.compare(SamLine().with(static_cast<SamColumn>(column), text).text() +
+                                       ending);
+                }
+            }
+        }
+    }
+    EXPECT_EQ(comparison.n_differences(), 0U);
+    EXPECT_GT(comparison.count("accepted"), 1000U);
+    EXPECT_GT(comparison.count("Malformed SAM line detected"), 1000U);
+}
+
+TEST(SamTokeniser, Line_OddSeparatorOrEnding_ReadsAsWithStreams) {
+    Comparison comparison(reference_names());
+    std::string const line = SamLine().field("NM:i:1").field("XZ:Z:a b").text();
+    for (std::size_t tab = line.find('\t'); tab != std::string::npos;
+         tab = line.find('\t', tab + 1)) {
+        for (std::string const& separator : SEPARATORS) {
+            comparison.compare(line.substr(0, tab) + separator + line.substr(tab + 1));
+        }
+    }
+    for (std::string const& ending : ENDINGS) {
+        for (std::string const& beginning : SEPARATORS) {
+            comparison.compare(beginning + SamLine().text() + ending);
+            comparison.compare(beginning + line + ending);
+        }
+    }
+    EXPECT_EQ(comparison.n_differences(), 0U);
+    EXPECT_GT(comparison.count("accepted"), 50U);
+    EXPECT_GT(comparison.count("Invalid aux data detected"), 50U);
+}
+
+TEST(SamTokeniser, Line_CutAnywhere_ReadsAsWithStreams) {
+    Comparison comparison(reference_names());
+    std::string const line = " \v" +
+                             SamLine()
+                                 .with(FLAG, "+99")
+                                 .with(TLEN, "-250")
+                                 .field("XA:A:x")
+                                 .field("NM:i:-12")
+                                 .field("XF:f:-1.25e-3")
+                                 .field("XZ:Z:a:b c")
+                                 .field("XH:H:1AE3")
+                                 .field("XB:B:s,1,-2,300")
+                                 .text() +
+                             "\r";
+    for (std::size_t length = 0; length <= line.size(); ++length) {
+        comparison.compare(line.substr(0, length));
+        comparison.compare(line.substr(length));
+        comparison.compare(line.substr(0, length) + '\r');
+    }
+    EXPECT_EQ(comparison.n_differences(), 0U);
+    EXPECT_GT(comparison.count("accepted"), 20U);
+}
+
+TEST(SamTokeniser, OptionalNumber_OddText_ReadsAsWithStdStoiAndStof) {
+    Comparison comparison(reference_names());
+    for (std::string const& number : OPTIONAL_NUMBERS) {
+        comparison.compare(SamLine().field("XI:i:" + number).field("NM:i:1").text());
+        comparison.compare(SamLine().field("XF:f:" + number).field("NM:i:1").text());
+        for (char const letter : ELEMENT_LETTERS) {
+            std::string const array = std::string("XB:B:") + letter;
+            comparison.compare(SamLine().field(array + ',' + number).text());
+            comparison.compare(SamLine().field(array + ",1," + number + ",2").text());
+            comparison.compare(SamLine().field(array + ",1" + number).text());
+        }
+    }
+    EXPECT_EQ(comparison.n_differences(), 0U);
+    EXPECT_GT(comparison.count("accepted"), 500U);
+    EXPECT_GT(comparison.count(exception_text(std::invalid_argument("stoi"))), 50U);
+    EXPECT_GT(comparison.count(exception_text(std::invalid_argument("stof"))), 20U);
+    EXPECT_GT(comparison.count(exception_text(std::out_of_range("stoi"))), 20U);
+    EXPECT_GT(comparison.count(exception_text(std::out_of_range("stof"))), 20U);
+}
+
+TEST(SamTokeniser, Float_AnyDigits_RoundsAsStdStof) {
+    Comparison comparison(reference_names());
+    LineGenerator random;
+    for (int i = 0; i < 20000; ++i) {
+        comparison.compare(SamLine().field("XF:f:" + random.float_number()).text());
+        comparison.compare(SamLine().field("XF:f:" + random.halfway_number()).text());
+    }
+    EXPECT_EQ(comparison.n_differences(), 0U);
+    EXPECT_GT(comparison.count("accepted"), 30000U);
+}
+
+TEST(SamTokeniser, GeneratedLines_QuarterOfAMillion_ReadAsWithStreams) {
+    constexpr std::size_t N_LINES = 250000;
+    Comparison comparison(reference_names());
+    LineGenerator random;
+    for (std::size_t i = 0; i < N_LINES; ++i) comparison.compare(random.line());
+
+    EXPECT_EQ(comparison.n_lines(), N_LINES);
+    EXPECT_EQ(comparison.n_differences(), 0U);
+    for (auto const& [kind, n] : comparison.counts()) {
+        std::cout << "[          ] " << n << " lines: " << kind << '\n';
+    }
+    // Every outcome that a line can have was compared, and often.
+    EXPECT_GT(comparison.count("accepted"), N_LINES / 4);
+    EXPECT_GT(comparison.n_accepted_with_fields(), N_LINES / 10);
+    for (std::string const& kind : {
+             std::string("Malformed SAM line detected"),
+             std::string("Invalid aux data detected"),
+             std::string("Invalid auxiliary data type) "),
+             std::string("Invalid cigar op detected"),
+             std::string("Invalid sequence code detected"),
+             exception_text(std::invalid_argument("stoi")),
+             exception_text(std::invalid_argument("stof")),
+             exception_text(std::out_of_range("stoi")),
+             exception_text(std::out_of_range("stof")),
+             exception_text(std::runtime_error("Hit end of BAM buffer while writing data")),
+         }) {
+        EXPECT_GT(comparison.count(kind), N_LINES / 1000) << kind;
+    }
+}
+
+}  // namespace
+}  // namespace tesk::test

@@ -1,0 +1,2220 @@
+#include "util/bam/bam_file.h"
+
+#include <algorithm>
+#include <array>
+#include <cfloat>
+#include <charconv>
+#include <climits>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <system_error>
+#include <utility>
+
+#include <gsl/util>
+
+#define ZLIB_CONST  // zlib then takes its input through pointers to const
+#include <zlib.h>
+
+namespace tesk::util::bam {
+
+// Shared helpers
+
+namespace {
+
+using AuxData = BAMFileHandler::AuxData;
+using AuxNumericalArray = BAMFileHandler::AuxNumericalArray;
+using BamBuffer = BAMFileHandler::BamBuffer;
+using BamRecord = BAMFileHandler::BamRecord;
+using ChunkIndex = BAMFileHandler::ChunkIndex;
+using FileIndex = BAMFileHandler::FileIndex;
+using RefSeq = BAMFileHandler::RefSeq;
+using ReferenceIndex = BAMFileHandler::ReferenceIndex;
+
+// A letter's index is its code in a BAM record.
+constexpr std::string_view CIGAR_OP_CODES = "MIDNSHP=X";
+constexpr std::string_view SEQ_CODES = "=ACMGRSVTWYHKDBN";
+
+// The low bits of a packed CIGAR operation hold its code, the others its length.
+constexpr unsigned CIGAR_OP_SHIFT = 4;
+constexpr std::uint32_t CIGAR_OP_MASK = 0xF;
+
+// Operations beyond this number do not fit n_cigar_op of a BAM record.
+constexpr std::size_t MAX_CIGAR_OPS = 65535;
+
+// Printable qualities begin at '!'; the whole of a missing QUAL is this byte.
+constexpr int PHRED_OFFSET = 33;
+constexpr char MISSING_QUAL = '\xFF';
+
+// Element types of a B array. Letters outside the table have no width.
+struct ElementType {
+    char letter;
+    std::uint32_t width_bytes;
+};
+constexpr ElementType ELEMENT_TYPES[] = {
+    {'c', 1}, {'C', 1}, {'s', 2}, {'S', 2}, {'i', 4}, {'I', 4}, {'f', 4},
+};
+
+// Bytes of one element of a B array, 0 for an unknown element type.
+std::uint32_t element_width(char letter) {
+    for (ElementType const& type : ELEMENT_TYPES) {
+        if (type.letter == letter) return type.width_bytes;
+    }
+    return 0;
+}
+
+// One window of the linear index covers 2^14 = 16,384 bases.
+constexpr int WINDOW_SHIFT = 14;
+
+// Sort order fragment of the @HD line that an index asks for.
+constexpr std::string_view COORDINATE_ORDER = "\tSO:coordinate";
+
+// Stores why a call failed. Returns false, so that checks read `return fail(...)`.
+bool fail(std::string& error, std::string message) {
+    error = std::move(message);
+    return false;
+}
+
+[[noreturn]] void throw_extracting_overrun() {
+    throw std::runtime_error("Hit end of BAM buffer while extracting data");
+}
+
+// 32-bit arithmetic on values from files wraps, which only unsigned numbers may.
+std::int32_t wrapping_add(std::int32_t a, std::int32_t b) {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) + static_cast<std::uint32_t>(b));
+}
+
+bool begins_with(std::string_view text, std::string_view beginning) {
+    return text.substr(0, beginning.size()) == beginning;
+}
+
+// White space of the classic locale.
+bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
+// Reads words and numbers out of a text with the results of formatted stream
+// extraction in the classic locale: a read that fails makes all later ones
+// fail, and the end counts as seen once a read has run into it.
+class TextCursor {
+public:
+    explicit TextCursor(std::string_view text)
+        : next_(text.data()), end_(text.data() + text.size()) {}
+
+    // The next run of characters that are not white space. Without one the
+    // target stays as it is.
+    bool read_word(std::string_view& word) {
+        if (!skip_space()) return false;
+        char const* const begin = next_;
+        while (next_ != end_ && !is_space(*next_)) ++next_;
+        saw_end_ = next_ == end_;
+        word = std::string_view(begin, static_cast<std::size_t>(next_ - begin));
+        return true;
+    }
+
+    bool read_word(std::string& word) {
+        std::string_view view;
+        if (!read_word(view)) return false;
+        word = view;
+        return true;
+    }
+
+    // A decimal number with an optional sign. Without digits the target becomes
+    // 0; where it does not fit, the nearest number that does; both are failures.
+    // A negative number wraps into an unsigned target.
+    template <typename Number>
+    bool read_number(Number& number) {
+        static_assert(sizeof(Number) <= 4, "a larger one could overflow the sum below");
+        if (!skip_space()) return false;
+        bool const negative = *next_ == '-';
+        if (negative || *next_ == '+') ++next_;
+
+        using Limits = std::numeric_limits<Number>;
+        std::uint64_t const largest =
+            static_cast<std::uint64_t>(Limits::max()) + (negative && Limits::is_signed ? 1U : 0U);
+        char const* const digits = next_;
+        std::uint64_t value = 0;
+        bool fits = true;
+        for (; next_ != end_ && is_digit(*next_); ++next_) {
+            value = value * 10 + static_cast<std::uint64_t>(*next_ - '0');
+            fits = fits && value <= largest;
+            if (!fits) value = largest;
+        }
+        saw_end_ = next_ == end_;
+        failed_ = next_ == digits || !fits;
+        if (!fits) {
+            number = negative && Limits::is_signed ? Limits::min() : Limits::max();
+        } else {
+            number = static_cast<Number>(negative ? 0 - value : value);
+        }
+        return !failed_;
+    }
+
+    // Whether the last read ran into the end of the text.
+    bool saw_end() const { return saw_end_; }
+
+    // What has not been read.
+    std::string_view rest() const { return {next_, static_cast<std::size_t>(end_ - next_)}; }
+
+private:
+    // Steps to the next word; fails where there is none.
+    bool skip_space() {
+        if (failed_) return false;
+        if (saw_end_) return !(failed_ = true);
+        while (next_ != end_ && is_space(*next_)) ++next_;
+        saw_end_ = failed_ = next_ == end_;
+        return !failed_;
+    }
+
+    char const* next_;
+    char const* end_;
+    bool saw_end_ = false;
+    bool failed_ = false;
+};
+
+// Opens a file for reading. A directory, which the system would open, is a file
+// that cannot be opened.
+bool open_for_reading(std::ifstream& in, std::string const& path, std::ios::openmode mode) {
+    std::error_code ignored;
+    if (std::filesystem::is_directory(path, ignored)) return false;
+    in.open(path, mode);
+    return in.is_open() && in.good();
+}
+
+}  // namespace
+
+// ===========================================================================
+// 1. Alignment store
+//
+// The handler owns all it holds by value. Records refer to references by their
+// position in `references`; the parser finds that position by name through a
+// hash table over the list, which follows the list as it grows.
+// ===========================================================================
+
+namespace {
+
+// Lists up to this length are scanned: as fast as hashing.
+constexpr std::size_t MAX_SCANNED_REFERENCES = 16;
+
+constexpr std::int32_t FREE_SLOT = -1;
+
+// Every char maps to -1, except the letters, which map to their index.
+std::map<char, std::int32_t> make_code_map(std::string_view letters) {
+    std::map<char, std::int32_t> codes;
+    for (int c = CHAR_MIN; c <= CHAR_MAX; ++c) codes[static_cast<char>(c)] = -1;
+    for (std::size_t i = 0; i < letters.size(); ++i) {
+        codes[letters[i]] = static_cast<std::int32_t>(i);
+    }
+    return codes;
+}
+
+}  // namespace
+
+BAMFileHandler::BAMFileHandler()
+    : cigar_op_codes(make_code_map(CIGAR_OP_CODES)), seq_codes(make_code_map(SEQ_CODES)) {
+    // Deliberate: RNA reads are stored as DNA.
+    seq_codes['U'] = seq_codes['T'];
+}
+
+bool BAMFileHandler::reset() {
+    header.clear();
+    sort_order.clear();
+    header_lines.clear();
+    references.clear();
+    records.clear();
+    reference_slots.clear();
+    n_references_hashed = 0;
+    has_sort_order = false;
+    return true;
+}
+
+bool BAMFileHandler::get_header(std::string& out) const {
+    out = header;
+    return true;
+}
+
+bool BAMFileHandler::get_num_alignments(unsigned long& n) const {
+    n = records.size();
+    return true;
+}
+
+bool BAMFileHandler::get_alignment_sam(unsigned long index, std::string& out) const {
+    if (index >= records.size()) return fail(error_message, "alignment sam index out of range!");
+    out = records[index].sam_line;
+    return true;
+}
+
+std::int32_t BAMFileHandler::find_reference(std::string_view name) {
+    if (references.size() <= MAX_SCANNED_REFERENCES) {
+        auto const found = std::find_if(references.begin(), references.end(),
+                                        [&](RefSeq const& ref) { return ref.name == name; });
+        return found == references.end() ? -1
+                                         : static_cast<std::int32_t>(found - references.begin());
+    }
+
+    std::size_t mask = reference_slots.size() - 1;
+    // The slot of a name: the one that holds it, or the free one where it belongs.
+    auto const slot_of = [&](std::string_view key) {
+        std::size_t slot = std::hash<std::string_view>{}(key)&mask;
+        while (reference_slots[slot] != FREE_SLOT &&
+               references[static_cast<std::size_t>(reference_slots[slot])].name != key) {
+            slot = (slot + 1) & mask;
+        }
+        return slot;
+    };
+
+    if (references.size() < n_references_hashed || 2 * references.size() > reference_slots.size()) {
+        std::size_t n_slots = 4 * MAX_SCANNED_REFERENCES;
+        while (n_slots < 4 * references.size()) n_slots *= 2;
+        reference_slots.assign(n_slots, FREE_SLOT);
+        n_references_hashed = 0;
+        mask = n_slots - 1;
+    }
+    for (; n_references_hashed < references.size(); ++n_references_hashed) {
+        std::int32_t& entry = reference_slots[slot_of(references[n_references_hashed].name)];
+        // The first entry of a name is the one that counts.
+        if (entry == FREE_SLOT) entry = static_cast<std::int32_t>(n_references_hashed);
+    }
+    return reference_slots[slot_of(name)];
+}
+
+// ===========================================================================
+// 2. SAM text codec
+//
+// SAM line -> record: eleven columns through a TextCursor, optional fields cut
+// at tabs; the line itself becomes the record's `sam_line`. Record -> SAM line:
+// update_sam_line(), for records that came from BAM. Files are read and written
+// in pieces of 1 MiB.
+// ===========================================================================
+
+namespace {
+
+constexpr std::size_t FILE_PIECE_BYTES = std::size_t{1} << 20;
+
+// Operations that consume the reference, as bits numbered by operation code.
+constexpr unsigned reference_op_bits() {
+    unsigned bits = 0;
+    for (char const letter : std::string_view("MDN=X")) {
+        bits |= 1U << CIGAR_OP_CODES.find(letter);
+    }
+    return bits;
+}
+constexpr unsigned REFERENCE_OP_BITS = reference_op_bits();
+static_assert(REFERENCE_OP_BITS == 0b1'1000'1101, "M 0, D 2, N 3, = 7, X 8");
+
+bool consumes_reference(std::uint32_t code) {
+    return code < CIGAR_OP_CODES.size() && ((REFERENCE_OP_BITS >> code) & 1U) != 0;
+}
+
+// Codes that no operation has render as '?'.
+char cigar_op_letter(std::uint32_t code) {
+    return code < CIGAR_OP_CODES.size() ? CIGAR_OP_CODES[code] : '?';
+}
+
+// Codes of all chars by their unsigned value; -1 for chars that have none.
+using CodeTable = std::array<std::int8_t, 256>;
+
+constexpr CodeTable make_code_table(std::string_view letters) {
+    CodeTable table{};
+    for (std::int8_t& code : table) code = -1;
+    for (std::size_t i = 0; i < letters.size(); ++i) {
+        table[static_cast<unsigned char>(letters[i])] = static_cast<std::int8_t>(i);
+    }
+    return table;
+}
+
+constexpr CodeTable make_seq_table() {
+    CodeTable table = make_code_table(SEQ_CODES);
+    table['U'] = table['T'];
+    return table;
+}
+
+constexpr CodeTable CIGAR_OP_TABLE = make_code_table(CIGAR_OP_CODES);
+constexpr CodeTable SEQ_TABLE = make_seq_table();
+
+// Code of a letter: from the constant table, which holds what the constructor
+// put into the map; a letter unknown to it may have been added to the map.
+std::int32_t code_of(char letter, CodeTable const& table,
+                     std::map<char, std::int32_t> const& codes) {
+    std::int8_t const code = table[static_cast<unsigned char>(letter)];
+    if (code >= 0) return code;
+    auto const found = codes.find(letter);
+    return found == codes.end() ? -1 : found->second;
+}
+
+template <typename Integer>
+void append_number(std::string& out, Integer value) {
+    char digits[std::numeric_limits<Integer>::digits10 + 2];
+    auto const [end, error] = std::to_chars(std::begin(digits), std::end(digits), value);
+    out.append(digits, end);
+    static_cast<void>(error);  // the digits of every value fit
+}
+
+// Reads the length of a CIGAR operation as strtol reads a number, then takes
+// its low 32 bits. Without a number the length is 0 and `next` stays.
+std::int32_t read_cigar_length(char const*& next, char const* end) {
+    constexpr std::uint64_t LARGEST = std::numeric_limits<std::int64_t>::max();
+    char const* p = next;
+    while (p != end && is_space(*p)) ++p;
+    bool const negative = p != end && *p == '-';
+    if (p != end && (*p == '-' || *p == '+')) ++p;
+
+    char const* const digits = p;
+    std::uint64_t value = 0;
+    bool fits = true;
+    for (; p != end && is_digit(*p); ++p) {
+        auto const digit = static_cast<std::uint64_t>(*p - '0');
+        fits = fits && (value < LARGEST / 10 || (value == LARGEST / 10 && digit <= LARGEST % 10));
+        if (fits) value = value * 10 + digit;
+    }
+    if (p == digits) return 0;
+    next = p;
+    // Saturated to the limits of 64 bits, whose low halves are -1 and 0.
+    if (!fits) return negative ? 0 : -1;
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(negative ? 0 - value : value));
+}
+
+// Upper bound of the operations in a CIGAR text, exact for a well-formed one:
+// every operation takes a character that is no digit, or the end of the text.
+std::size_t count_cigar_ops(std::string_view text) {
+    auto const letters =
+        std::count_if(text.begin(), text.end(), [](char c) { return !is_digit(c); });
+    return static_cast<std::size_t>(letters) + (!text.empty() && is_digit(text.back()) ? 1 : 0);
+}
+
+bool pack_cigar(std::string_view text, BamRecord& record, unsigned long& ref_len,
+                unsigned long seq_len, std::map<char, std::int32_t> const& op_codes,
+                std::string& error) {
+    if (text == "*") {
+        ref_len = 1;
+        return true;
+    }
+    ref_len = 0;
+    record.cigar.clear();
+    record.cigar.reserve(count_cigar_ops(text));
+    char const* const end = text.data() + text.size();
+    for (char const* next = text.data(); next < end; ++next) {
+        std::int32_t const length = read_cigar_length(next, end);
+        char const letter = next == end ? '\0' : *next;
+        std::int32_t const code = code_of(letter, CIGAR_OP_TABLE, op_codes);
+        // Deliberate: compared as signed, so that an unknown letter, code -1,
+        // passes and becomes a word of all ones.
+        if (code >= static_cast<std::int32_t>(CIGAR_OP_CODES.size())) {
+            return fail(error, std::string("Invalid cigar op detected: '") + letter + "'");
+        }
+        if (consumes_reference(static_cast<std::uint32_t>(code))) {
+            ref_len += static_cast<unsigned long>(static_cast<long>(length));
+        }
+        record.cigar.push_back(static_cast<std::uint32_t>(length) << CIGAR_OP_SHIFT |
+                               static_cast<std::uint32_t>(code));
+        if (next == end) break;
+    }
+    if (record.cigar.capacity() != record.cigar.size()) record.cigar.shrink_to_fit();
+    if (record.cigar.size() <= MAX_CIGAR_OPS) return true;
+
+    AuxNumericalArray all_ops;
+    all_ops.type = 'I';
+    all_ops.count = static_cast<std::uint32_t>(record.cigar.size());
+    all_ops.data.resize(record.cigar.size() * sizeof record.cigar[0]);
+    std::memcpy(all_ops.data.data(), record.cigar.data(), all_ops.data.size());
+    record.aux_data.push_back({"CG", 'B', std::move(all_ops)});
+
+    std::string const placeholder = std::to_string(seq_len) + "S" + std::to_string(ref_len) + "N";
+    unsigned long placeholder_ref_len = 0;
+    return pack_cigar(placeholder, record, placeholder_ref_len, 0, op_codes, error);
+}
+
+bool pack_seq(std::string_view text, BamRecord& record, std::map<char, std::int32_t> const& codes,
+              std::string& error) {
+    if (text == "*") return true;
+    if (text.size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
+        throw std::length_error("Sequence of more than 2147483647 bases");
+    }
+    record.l_seq = static_cast<std::int32_t>(text.size());
+    record.seq.resize((text.size() + 1) / 2);
+    std::size_t const n_pairs = text.size() / 2;
+    for (std::size_t k = 0; k < n_pairs; ++k) {
+        // An unknown base, -1, is the largest of numbers without a sign.
+        auto const high = static_cast<std::uint32_t>(code_of(text[2 * k], SEQ_TABLE, codes));
+        auto const low = static_cast<std::uint32_t>(code_of(text[2 * k + 1], SEQ_TABLE, codes));
+        if ((high | low) >= SEQ_CODES.size()) {
+            return fail(error, "Invalid sequence code detected");
+        }
+        record.seq[k] = static_cast<std::uint8_t>(high << 4 | low);
+    }
+    if (text.size() % 2 != 0) {
+        // Deliberate: the last base of an odd number is not checked; code -1
+        // leaves 0xF0, which reads back as N.
+        auto const code = static_cast<std::uint32_t>(code_of(text.back(), SEQ_TABLE, codes));
+        record.seq[n_pairs] = static_cast<std::uint8_t>(code << 4);
+    }
+    return true;
+}
+
+void pack_phred(std::string_view text, BamRecord& record) {
+    auto const n_bases = static_cast<std::size_t>(record.l_seq);
+    if (text == "*") {
+        record.qual.assign(n_bases, MISSING_QUAL);
+        return;
+    }
+    record.qual.resize(n_bases);
+    std::size_t const n_scores = std::min(n_bases, text.size());
+    for (std::size_t i = 0; i < n_scores; ++i) {
+        record.qual[i] = static_cast<char>(text[i] - PHRED_OFFSET);
+    }
+    std::fill(record.qual.begin() + static_cast<std::ptrdiff_t>(n_scores), record.qual.end(), '\0');
+}
+
+// The number at the beginning of an optional value, as std::stoi reads it;
+// std::stoi itself is asked where there may be none, or one that does not fit.
+std::int32_t to_int(std::string_view text) {
+    std::int32_t value = 0;
+    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    return error == std::errc() ? value : std::stoi(std::string(text));
+}
+
+// The number at the beginning of an optional value, as std::stof reads it;
+// std::stof itself is asked about everything but plain decimal numbers of
+// ordinary size: it throws for what is too small or too large, and it knows
+// hexadecimal numbers.
+float to_float(std::string_view text) {
+    std::string_view const digits = text.substr(begins_with(text, "-") ? 1 : 0);
+    if (!digits.empty() && is_digit(digits.front()) && digits.substr(1, 1) != "x" &&
+        digits.substr(1, 1) != "X") {
+        float value = 0;
+        auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+        float const magnitude = std::fabs(value);
+        bool const ordinary = magnitude > FLT_MIN && magnitude < FLT_MAX;
+        if (error == std::errc() && ordinary) return value;
+    }
+    return std::stof(std::string(text));
+}
+
+// Writes one element of an array, cut to the width of its type.
+void put_array_element(BamBuffer& out, char type, std::string_view text) {
+    switch (type) {
+        case 'c':
+        case 'C': out.put(static_cast<char>(to_int(text))); break;
+        case 's':
+        case 'S': out.put(static_cast<std::int16_t>(to_int(text))); break;
+        case 'i':
+        case 'I': out.put(to_int(text)); break;
+        case 'f': out.put(to_float(text)); break;
+        default: break;
+    }
+}
+
+// Parses the value of a B field: element type, then the elements, separated by
+// commas. False where the type is unknown and there are elements.
+bool parse_array(std::string_view text, AuxNumericalArray& array) {
+    array.type = text.empty() ? '\0' : text.front();
+    auto const n_commas = static_cast<std::size_t>(std::count(text.begin(), text.end(), ','));
+    array.count = static_cast<std::uint32_t>(n_commas);
+    if (n_commas == 0) return true;
+    std::uint32_t const width = element_width(array.type);
+    if (width == 0) return false;
+
+    array.data.resize(n_commas * width);
+    BamBuffer out{array.data.data(), array.data.size()};
+    // What stands where the first comma belongs is skipped unchecked.
+    for (std::size_t begin = 2; begin <= text.size();) {
+        std::size_t const comma = std::min(text.find(',', begin), text.size());
+        put_array_element(out, array.type, text.substr(begin, comma - begin));
+        begin = comma + 1;
+    }
+    return true;
+}
+
+// Parses one optional field and appends it to `aux_data`.
+bool parse_optional_field(std::string_view field, std::vector<AuxData>& aux_data,
+                          std::string const& file_name, std::string& error) {
+    auto const invalid = [&] {
+        return fail(error, "Invalid aux data detected: " + std::string(field));
+    };
+    if (field.size() <= 4 || field[2] != ':' || field[4] != ':') return invalid();
+    char const type = field[3];
+    std::string_view const text = field.substr(5);
+    boost::any value;
+    switch (type) {
+        case 'A': value = text.empty() ? '\0' : text.front(); break;
+        case 'i': value = to_int(text); break;
+        case 'f': value = to_float(text); break;
+        case 'Z':
+        case 'H': value = std::string(text); break;
+        case 'B': {
+            AuxNumericalArray array;
+            if (!parse_array(text, array)) return invalid();
+            value = std::move(array);
+            break;
+        }
+        default:
+            return fail(error, std::string("Invalid auxiliary data type) '") + type +
+                                   "' found in alignment record in " + file_name);
+    }
+    aux_data.push_back({std::string(field.substr(0, 2)), type, std::move(value)});
+    return true;
+}
+
+// Appends packed operations as text.
+void append_cigar(std::string& out, std::uint32_t const* ops, std::size_t n_ops) {
+    out.reserve(out.size() + 3 * n_ops);
+    for (std::size_t i = 0; i < n_ops; ++i) {
+        append_number(out, ops[i] >> CIGAR_OP_SHIFT);
+        out += cigar_op_letter(ops[i] & CIGAR_OP_MASK);
+    }
+}
+
+// A float as SAM text has it: printf's "%f" without its trailing zeros.
+// Deliberate: the point stays where nothing follows it ("2.").
+std::string float_to_stripped_string(float value) {
+    char text[58];
+    auto const [end, error] =
+        std::to_chars(std::begin(text), std::end(text), value, std::chars_format::fixed, 6);
+    static_cast<void>(error);  // at most 39 digits, sign, point and six decimals
+    std::string_view stripped(text, static_cast<std::size_t>(end - text));
+    while (stripped.back() == '0') stripped.remove_suffix(1);
+    return std::string(stripped);
+}
+
+// Appends the elements of an array, each after a comma.
+void append_array_elements(std::string& out, AuxData const& field, AuxNumericalArray const& array) {
+    // The cursor only reads; its type has no form for constant bytes.
+    BamBuffer in{const_cast<char*>(array.data.data()), array.data.size()};
+    for (std::uint32_t i = 0; i < array.count; ++i) {
+        out += ',';
+        switch (array.type) {
+            case 'c': append_number(out, int{in.get<std::int8_t>()}); break;
+            case 'C': append_number(out, int{in.get<std::uint8_t>()}); break;
+            case 's': append_number(out, in.get<std::int16_t>()); break;
+            case 'S': append_number(out, in.get<std::uint16_t>()); break;
+            case 'i': append_number(out, in.get<std::int32_t>()); break;
+            case 'I': append_number(out, in.get<std::uint32_t>()); break;
+            // Deliberate: the field is asked for a float, which it does not
+            // hold, so that an array of floats is never rendered.
+            case 'f': out += float_to_stripped_string(boost::any_cast<float>(field.value)); break;
+            default: break;
+        }
+    }
+}
+
+// Appends type letter and value of an optional field; false where the letter is
+// unknown.
+bool append_aux_value(std::string& out, AuxData const& field) {
+    // Nothing is appended for a value that turns out not to have its type.
+    auto const append_integer = [&out](auto value) {
+        out += "i:";
+        append_number(out, value);
+    };
+    switch (field.type) {
+        case 'A': {
+            char const value = boost::any_cast<char>(field.value);
+            out += "A:";
+            out += value;
+            return true;
+        }
+        case 'c': append_integer(int{boost::any_cast<std::int8_t>(field.value)}); return true;
+        case 'C': append_integer(int{boost::any_cast<std::uint8_t>(field.value)}); return true;
+        case 's': append_integer(boost::any_cast<std::int16_t>(field.value)); return true;
+        case 'S': append_integer(boost::any_cast<std::uint16_t>(field.value)); return true;
+        case 'i': append_integer(boost::any_cast<std::int32_t>(field.value)); return true;
+        case 'I': append_integer(boost::any_cast<std::uint32_t>(field.value)); return true;
+        case 'f': {
+            std::string const value = float_to_stripped_string(boost::any_cast<float>(field.value));
+            out += "f:";
+            out += value;
+            return true;
+        }
+        case 'Z':
+        case 'H': {
+            auto const& value = boost::any_cast<std::string const&>(field.value);
+            out += field.type;
+            out += ':';
+            out += value;
+            return true;
+        }
+        case 'B': {
+            auto const& array = boost::any_cast<AuxNumericalArray const&>(field.value);
+            out += "B:";
+            out += array.type;
+            append_array_elements(out, field, array);
+            return true;
+        }
+        default: return false;
+    }
+}
+
+// Whether a field holds the operations that a placeholder CIGAR stands for.
+bool holds_long_cigar(AuxData const& field) { return field.tag == "CG" && field.type == 'B'; }
+
+// The operations of the first field that holds a long CIGAR; false without one.
+bool find_long_cigar(BamRecord const& record, std::vector<std::uint32_t>& ops) {
+    auto const field =
+        std::find_if(record.aux_data.begin(), record.aux_data.end(), holds_long_cigar);
+    if (field == record.aux_data.end()) return false;
+    auto const& array = boost::any_cast<AuxNumericalArray const&>(field->value);
+    std::uint64_t const n_bytes = std::uint64_t{array.count} * sizeof ops[0];
+    if (n_bytes > array.data.size()) throw_extracting_overrun();
+    ops.resize(array.count);
+    if (n_bytes != 0) std::memcpy(ops.data(), array.data.data(), n_bytes);
+    return true;
+}
+
+// Name of the reference that a refID stands for; false for an invalid one.
+bool find_reference_name(std::int32_t refID, std::vector<RefSeq> const& references,
+                         std::string_view& name) {
+    if (refID == -1) {
+        name = "*";
+        return true;
+    }
+    if (refID < 0 || static_cast<std::size_t>(refID) >= references.size()) return false;
+    name = references[static_cast<std::size_t>(refID)].name;
+    return true;
+}
+
+// Hands out the lines of a file, which it reads in large pieces.
+class LineReader {
+public:
+    explicit LineReader(std::istream& in) : in_(in), buffer_(FILE_PIECE_BYTES) {}
+
+    // The next line without its newline, valid until the next call. False at the
+    // end of the file, or where reading failed.
+    bool next(std::string_view& line) {
+        for (std::size_t searched = begin_;;) {
+            void const* const newline =
+                std::memchr(buffer_.data() + searched, '\n', end_ - searched);
+            if (newline != nullptr) {
+                auto const line_end =
+                    static_cast<std::size_t>(static_cast<char const*>(newline) - buffer_.data());
+                line = {buffer_.data() + begin_, line_end - begin_};
+                begin_ = line_end + 1;
+                return true;
+            }
+            searched = end_ - begin_;
+            if (!read_more()) break;
+        }
+        // The last line may lack its newline.
+        line = {buffer_.data() + begin_, end_ - begin_};
+        begin_ = end_;
+        return !line.empty() && !in_.bad();
+    }
+
+private:
+    // Moves what is left to the front and reads on behind it.
+    bool read_more() {
+        std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+        end_ -= begin_;
+        begin_ = 0;
+        if (end_ == buffer_.size()) buffer_.resize(2 * buffer_.size());
+        in_.read(buffer_.data() + end_, static_cast<std::streamsize>(buffer_.size() - end_));
+        end_ += static_cast<std::size_t>(in_.gcount());
+        return in_.gcount() != 0;
+    }
+
+    std::istream& in_;
+    std::vector<char> buffer_;
+    std::size_t begin_ = 0;  // what has been read and not handed out
+    std::size_t end_ = 0;
+};
+
+}  // namespace
+
+bool BAMFileHandler::parse_sam_fields(std::string_view line, BamRecord& record) {
+    std::string_view rname;
+    std::string_view cigar;
+    std::string_view rnext;
+    std::string_view seq;
+    std::string_view qual;
+    std::int32_t pos_1based = 0;
+    std::int32_t mapq = -1;
+    std::int32_t next_pos_1based = 0;
+    TextCursor cursor(line);
+    bool const complete =
+        cursor.read_word(record.read_name) && cursor.read_number(record.flag) &&
+        cursor.read_word(rname) && cursor.read_number(pos_1based) && cursor.read_number(mapq) &&
+        cursor.read_word(cigar) && cursor.read_word(rnext) && cursor.read_number(next_pos_1based) &&
+        cursor.read_number(record.tlen) && cursor.read_word(seq) && cursor.read_word(qual);
+    if (!complete) return fail(error_message, "Malformed SAM line detected");
+
+    record.pos = wrapping_add(pos_1based, -1);
+    record.next_pos = wrapping_add(next_pos_1based, -1);
+    record.mapq = static_cast<std::uint8_t>(mapq);
+    if (!pack_cigar(cigar, record, record.ref_length, seq.size(), cigar_op_codes, error_message)) {
+        return false;
+    }
+    record.bin = reg_to_bin(record.pos,
+                            wrapping_add(record.pos, static_cast<std::int32_t>(record.ref_length)));
+    record.refID = find_reference(rname);
+    record.next_refID = rnext == "=" ? record.refID : find_reference(rnext);
+    if (!pack_seq(seq, record, seq_codes, error_message)) return false;
+    if (record.l_seq != 0) pack_phred(qual, record);
+
+    // A carriage return at the end of the line is no optional field.
+    std::string_view rest = cursor.rest();
+    if (rest.empty() || rest == "\r") return true;
+    if (rest.front() == '\t') rest.remove_prefix(1);
+    auto const n_tabs = std::count(rest.begin(), rest.end(), '\t');
+    record.aux_data.reserve(record.aux_data.size() + static_cast<std::size_t>(n_tabs) + 1);
+    for (;;) {
+        std::size_t const tab = rest.find('\t');
+        if (!parse_optional_field(rest.substr(0, tab), record.aux_data, file_name, error_message)) {
+            return false;
+        }
+        // After a tab there is always one more field, if an empty one.
+        if (tab == std::string_view::npos) return true;
+        rest.remove_prefix(tab + 1);
+    }
+}
+
+bool BAMFileHandler::parse_sam_line_to_bam_record(std::string const& line, BamRecord& record) {
+    if (!parse_sam_fields(line, record)) return false;
+    record.sam_line = line;
+    return true;
+}
+
+bool BAMFileHandler::add_alignment_sam(std::string line) {
+    BamRecord& record = records.emplace_back();
+    if (!parse_sam_fields(line, record)) {
+        records.pop_back();
+        return fail(error_message, "Sam to Bam parsing failed: " + error_message);
+    }
+    record.sam_line = std::move(line);
+    has_sort_order = false;
+    return true;
+}
+
+bool BAMFileHandler::pack_cigar_string(std::string const& text, BamRecord& record,
+                                       unsigned long& ref_len, unsigned long seq_len) {
+    return pack_cigar(text, record, ref_len, seq_len, cigar_op_codes, error_message);
+}
+
+bool BAMFileHandler::unpack_cigar_string(unsigned int const* ops, unsigned long n_ops,
+                                         std::string& out, unsigned long seq_len,
+                                         bool& placeholder) {
+    placeholder = false;
+    if (n_ops == 0) {
+        out = "*";
+        return true;
+    }
+    placeholder =
+        (ops[0] >> CIGAR_OP_SHIFT) >= seq_len && cigar_op_letter(ops[0] & CIGAR_OP_MASK) == 'S';
+    out.clear();
+    append_cigar(out, ops, n_ops);
+    return true;
+}
+
+unsigned long BAMFileHandler::get_cigar_ref_length(std::vector<unsigned int>& cigar) {
+    unsigned long length = 0;
+    for (std::uint32_t const op : cigar) {
+        if (consumes_reference(op & CIGAR_OP_MASK)) length += op >> CIGAR_OP_SHIFT;
+    }
+    return length;
+}
+
+bool BAMFileHandler::pack_seq_string(std::string const& text, BamRecord& record) {
+    return pack_seq(text, record, seq_codes, error_message);
+}
+
+bool BAMFileHandler::unpack_seq_string(BamRecord const& record, std::string& out) {
+    if (record.l_seq == 0) {
+        out = "*";
+        return true;
+    }
+    auto const n_bases = static_cast<std::size_t>(record.l_seq);
+    if (n_bases / 2 + n_bases % 2 > record.seq.size()) {
+        throw std::out_of_range("Record holds fewer bases than its l_seq");
+    }
+    std::size_t base = out.size();
+    out.resize(base + n_bases);
+    for (std::size_t k = 0; k < n_bases / 2; ++k) {
+        out[base++] = SEQ_CODES[record.seq[k] >> 4U];
+        out[base++] = SEQ_CODES[record.seq[k] & 0xFU];
+    }
+    if (n_bases % 2 != 0) out[base] = SEQ_CODES[record.seq[n_bases / 2] >> 4U];
+    return true;
+}
+
+bool BAMFileHandler::pack_phred_string(std::string const& text, BamRecord& record) {
+    pack_phred(text, record);
+    return true;
+}
+
+bool BAMFileHandler::unpack_phred_string(BamRecord const& record, std::string& out) {
+    // The first score alone decides whether there are any.
+    if (record.l_seq == 0 || record.qual.at(0) == MISSING_QUAL) {
+        out = "*";
+        return true;
+    }
+    auto const n_bases = static_cast<std::size_t>(record.l_seq);
+    if (n_bases > record.qual.size()) {
+        throw std::out_of_range("Record holds fewer qualities than its l_seq");
+    }
+    out.resize(n_bases);
+    std::transform(record.qual.begin(), record.qual.begin() + record.l_seq, out.begin(),
+                   [](char score) { return static_cast<char>(score + PHRED_OFFSET); });
+    return true;
+}
+
+bool BAMFileHandler::update_sam_line(BamRecord& record) {
+    std::string cigar;
+    bool placeholder = false;
+    auto const l_seq = static_cast<unsigned long>(record.l_seq);
+    unpack_cigar_string(record.cigar.data(), record.cigar.size(), cigar, l_seq, placeholder);
+    if (std::vector<std::uint32_t> ops; placeholder && find_long_cigar(record, ops)) {
+        bool ignored = false;
+        unpack_cigar_string(ops.data(), ops.size(), cigar, l_seq, ignored);
+    }
+
+    std::string_view rname;
+    std::string_view rnext;
+    // Deliberate: the message names the next segment for both.
+    if (!find_reference_name(record.next_refID, references, rnext) ||
+        !find_reference_name(record.refID, references, rname)) {
+        return fail(error_message, "Invalid next segment ref ID detected");
+    }
+    // Deliberate: names are compared, not IDs.
+    if (rnext != "*" && rnext == rname) rnext = "=";
+
+    std::string seq;
+    std::string qual;
+    unpack_seq_string(record, seq);
+    unpack_phred_string(record, qual);
+
+    std::string& line = record.sam_line;
+    line.clear();
+    auto const add_text = [&line](std::string_view text) { (line += text) += '\t'; };
+    auto const add_number = [&line](std::int32_t number) {
+        append_number(line, number);
+        line += '\t';
+    };
+    add_text(record.read_name);
+    add_number(record.flag);
+    add_text(rname);
+    add_number(wrapping_add(record.pos, 1));
+    add_number(record.mapq);
+    add_text(cigar);
+    add_text(rnext);
+    add_number(wrapping_add(record.next_pos, 1));
+    add_number(record.tlen);
+    add_text(seq);
+    add_text(qual);
+    for (AuxData const& field : record.aux_data) {
+        if (placeholder && holds_long_cigar(field)) continue;
+        line += field.tag;
+        line += ':';
+        if (!append_aux_value(line, field)) {
+            return fail(error_message,
+                        std::string("Invalid auxiliary data type encountered: ") + field.type);
+        }
+        line += '\t';
+    }
+    line.pop_back();
+    line.shrink_to_fit();
+    return true;
+}
+
+bool BAMFileHandler::read_from_sam_file(std::string const& path) {
+    file_name = path;
+    auto const clear_file_name = gsl::finally([this] { file_name.clear(); });
+    reset();
+    std::ifstream in;
+    if (!open_for_reading(in, path, std::ios::in)) {
+        return fail(error_message, "Cannot open file " + path);
+    }
+    LineReader lines(in);
+    for (std::string_view line; lines.next(line);) {
+        if (line.empty()) continue;
+        if (line.front() == '@') {
+            if (!add_header_lines(std::string(line))) {
+                return fail(error_message,
+                            "Could not parse header from SAM file " + path + " : " + error_message);
+            }
+        } else if (!add_alignment_sam(std::string(line))) {
+            return fail(error_message,
+                        "Could not parse alignment from SAM file " + path + " : " + error_message);
+        }
+    }
+    if (in.bad()) return fail(error_message, "SAM file reported error on close " + path);
+    return true;
+}
+
+bool BAMFileHandler::write_to_sam_file(std::string const& path) const {
+    file_name = path;
+    auto const clear_file_name = gsl::finally([this] { file_name.clear(); });
+    std::ofstream out(path, std::ios::trunc);
+    if (!out) return fail(error_message, "Cannot open SAM file : " + path);
+
+    std::string piece = header;
+    auto const write_piece = [&] {
+        out.write(piece.data(), static_cast<std::streamsize>(piece.size()));
+        piece.clear();
+    };
+    for (BamRecord const& record : records) {
+        (piece += record.sam_line) += '\n';
+        if (piece.size() >= FILE_PIECE_BYTES) write_piece();
+    }
+    write_piece();
+    out.close();
+    if (!out) return fail(error_message, "SAM file reported error on close " + path);
+    return true;
+}
+
+// ===========================================================================
+// 3. Header
+//
+// add_header_lines() checks header text line by line and files it twice: whole
+// in `header`, which SAM output repeats, and taken apart in `references`,
+// `sort_order` and `header_lines`, from which get_updated_header() builds the
+// header of BAM output.
+// ===========================================================================
+
+namespace {
+
+// SAM version of an @HD line, and of text without one.
+struct SamVersion {
+    int major = 1;
+    int minor = 6;
+};
+
+// Minor versions from which on a header may have GO, SS, or @RG and @PG lines.
+constexpr int GO_MINOR_VERSION = 5;
+constexpr int SS_MINOR_VERSION = 6;
+constexpr int RG_PG_MINOR_VERSION = 6;
+
+// Field values of an @HD line; empty for a field that is not there.
+struct HdFields {
+    std::string vn;
+    std::string so;
+    std::string go;
+    std::string ss;
+};
+
+// What of an @HD line outlives it.
+struct SortOrder {
+    std::string fragment;      // for the @HD line of the output; may be empty
+    bool is_definite = false;  // whether it names an order of the records
+};
+
+template <typename... Values>
+bool is_one_of(std::string_view text, Values... values) {
+    return ((text == values) || ...);
+}
+
+bool fail_at_line(std::string& error, std::string const& reason, std::string_view line) {
+    return fail(error, reason + ": " + std::string(line));
+}
+
+bool fail_at_hd_value(std::string& error, char const* field, std::string const& value,
+                      std::string_view line) {
+    return fail_at_line(
+        error,
+        std::string("Invalid '") + field + "' field '" + value + "' encountered in @HD header line",
+        line);
+}
+
+// Reads the fields of an @HD line behind its record type.
+bool read_hd_fields(TextCursor& words, std::string_view line, HdFields& fields,
+                    std::string& error) {
+    // A line that ends in white space has its last word read once more, or
+    // where there is none the record type.
+    std::string_view word = "@HD";
+    while (!words.saw_end()) {
+        words.read_word(word);
+        std::string_view const key = word.substr(0, 3);
+        std::string* const value = key == "VN:"   ? &fields.vn
+                                   : key == "SO:" ? &fields.so
+                                   : key == "GO:" ? &fields.go
+                                   : key == "SS:" ? &fields.ss
+                                                  : nullptr;
+        if (value == nullptr) {
+            return fail_at_line(
+                error, "Invalid field '" + std::string(word) + "' encountered in @HD header line",
+                line);
+        }
+        *value = word.substr(3);
+    }
+    return true;
+}
+
+bool parse_version(std::string const& vn, SamVersion& version) {
+    char after = '\0';
+    // NOLINTNEXTLINE(cert-err34-c): numbers that are not there keep their values
+    int const n_read = std::sscanf(vn.c_str(), "%d.%d%c", &version.major, &version.minor, &after);
+    // Deliberate: nearly everything passes.
+    return n_read == 2 || version.major == 1 || version.minor >= 0;
+}
+
+// Checks an @HD line whose record type has been read.
+bool parse_hd_line(TextCursor& words, std::string_view line, SamVersion& version, SortOrder& order,
+                   std::string& error) {
+    HdFields fields;
+    if (!read_hd_fields(words, line, fields, error)) return false;
+    bool const has_so = !fields.so.empty();
+    bool const has_go = !fields.go.empty();
+    bool const has_ss = !fields.ss.empty();
+    if (fields.vn.empty()) {
+        return fail_at_line(error, "Mandatory 'VN' field not found in @HD header line", line);
+    }
+    if (!parse_version(fields.vn, version)) return fail_at_hd_value(error, "VN", fields.vn, line);
+    if (has_go && version.minor < GO_MINOR_VERSION) {
+        return fail_at_line(
+            error, "Unsupported 'GO' field encountered in @HD header line with VN < 1.5", line);
+    }
+    if (has_ss && version.minor < SS_MINOR_VERSION) {
+        return fail_at_line(
+            error, "Unsupported 'SS' field encountered in @HD header line with VN < 1.6", line);
+    }
+    if (has_so && has_go) {
+        return fail_at_line(
+            error, "Mutually exclusive 'SO' and 'GO' fields encountered in @HD header line", line);
+    }
+    if (has_so && !is_one_of(fields.so, "unknown", "unsorted", "queryname", "coordinate")) {
+        return fail_at_hd_value(error, "SO", fields.so, line);
+    }
+    if (has_go && !is_one_of(fields.go, "none", "query", "reference")) {
+        return fail_at_hd_value(error, "GO", fields.go, line);
+    }
+
+    bool const keep_ss = has_so && has_ss && begins_with(fields.ss, fields.so + ":");
+    if (has_so) order.fragment = "\tSO:" + fields.so;
+    if (has_go) order.fragment = "\tGO:" + fields.go;
+    // Deliberate: the sub-sort takes the place of the order it refines.
+    if (keep_ss) order.fragment = "\tSS:" + fields.ss;
+    order.is_definite = keep_ss || is_one_of(fields.so, "queryname", "coordinate") ||
+                        is_one_of(fields.go, "query", "reference");
+    return true;
+}
+
+// Checks an @SQ line whose record type has been read. An LN value that is no
+// number leaves as std::stoi's exception.
+bool parse_sq_line(TextCursor& words, std::string_view line, RefSeq& reference,
+                   std::string& error) {
+    std::string_view word;
+    while (!words.saw_end()) {
+        words.read_word(word);
+        if (begins_with(word, "SN:")) reference.name = word.substr(3);
+        if (begins_with(word, "LN:")) reference.length = to_int(word.substr(3));
+    }
+    if (reference.name.empty() || reference.length == 0) {
+        return fail_at_line(error, "Malformed @SQ line encountered in header lines", line);
+    }
+    return true;
+}
+
+}  // namespace
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param): a text that may be `header` itself
+bool BAMFileHandler::add_header_lines(std::string text) {
+    SamVersion version;
+    std::vector<RefSeq> new_references;
+    std::string_view rest = text;
+    while (!rest.empty()) {
+        std::size_t const line_end = std::min(rest.find('\n'), rest.size());
+        std::string_view const line = rest.substr(0, line_end);
+        rest.remove_prefix(std::min(line_end + 1, rest.size()));
+
+        TextCursor words(line);
+        std::string_view type;
+        words.read_word(type);
+        if (type == "@HD") {
+            if (!sort_order.empty()) {
+                return fail_at_line(error_message, "Multiple @HD lines encountered in header line",
+                                    line);
+            }
+            if (!header_lines.empty()) {
+                return fail_at_line(error_message, "@HD lines encountered after first header line",
+                                    line);
+            }
+            SortOrder order;
+            if (!parse_hd_line(words, line, version, order, error_message)) return false;
+            sort_order = std::move(order.fragment);
+            has_sort_order = has_sort_order || order.is_definite;
+            continue;
+        }
+        if (type == "@SQ") {
+            RefSeq reference;
+            if (!parse_sq_line(words, line, reference, error_message)) return false;
+            new_references.push_back(std::move(reference));
+        } else if (type == "@RG" || type == "@PG") {
+            // Deliberate: refused below 1.6, although the message says 1.3.
+            if (version.minor < RG_PG_MINOR_VERSION) {
+                return fail_at_line(error_message,
+                                    "Unsupported '" + std::string(type) +
+                                        "' line encountered in @HD header line with VN < 1.3",
+                                    line);
+            }
+        } else if (type != "@CO") {
+            return fail_at_line(error_message, "Invalid line encountered in header lines", line);
+        }
+        (header_lines += line) += '\n';
+    }
+
+    references.insert(references.end(), std::make_move_iterator(new_references.begin()),
+                      std::make_move_iterator(new_references.end()));
+    header += text;
+    if (!header.empty() && header.back() != '\n') header += '\n';
+    return true;
+}
+
+bool BAMFileHandler::get_updated_header(std::string& out) const {
+    out = "@HD\tVN:1.6";
+    out += has_sort_order ? std::string_view(sort_order) : "\tSO:unknown";
+    out += '\n';
+    out += header_lines;
+    return true;
+}
+
+// ===========================================================================
+// 4. BAM container
+//
+// A BAM file is a series of BGZF blocks, each a gzip member that says its own
+// size. Its payload is the header (magic, text, reference list) followed by the
+// records. The writer gives the header, and every record, blocks of their own,
+// so that virtual offsets (block's offset in the file << 16 | offset inside its
+// payload) always have a zero in-block part. The reader inflates the whole file
+// into one buffer and walks it with a BamBuffer.
+// ===========================================================================
+
+namespace {
+
+constexpr char BAM_MAGIC_WORD[4] = {'B', 'A', 'M', '\1'};
+
+// BGZF block: header (the 16 bytes HEADER_BYTES, then BSIZE), CDATA, CRC32, ISIZE.
+constexpr std::array<unsigned char, 16> HEADER_BYTES = {
+    0x1f, 0x8b, 0x08, 0x04,  // ID1, ID2, CM 8 (deflate), FLG 4 (extra field)
+    0x00, 0x00, 0x00, 0x00,  // MTIME
+    0x00, 0xff,              // XFL, OS
+    0x06, 0x00,              // XLEN: one subfield
+    0x42, 0x43, 0x02, 0x00,  // SI1 'B', SI2 'C', SLEN
+};
+constexpr std::array<unsigned char, 12> END_OF_FILE_TAIL = {
+    0x1b, 0x00,                                      // BSIZE
+    0x03, 0x00,                                      // CDATA: an empty final block
+    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,  // CRC32, ISIZE
+};
+
+// The block that ends a BAM file.
+constexpr auto END_OF_FILE_SEQ = [] {
+    std::array<unsigned char, HEADER_BYTES.size() + END_OF_FILE_TAIL.size()> bytes{};
+    std::size_t n = 0;
+    for (unsigned char const byte : HEADER_BYTES) bytes[n++] = byte;
+    for (unsigned char const byte : END_OF_FILE_TAIL) bytes[n++] = byte;
+    return bytes;
+}();
+static_assert(END_OF_FILE_SEQ.size() == 28);
+
+// Fields of a block's header: offsets in bytes from its start.
+constexpr std::size_t BGZF_MAGIC_BYTES = 4;    // ID1, ID2, CM and FLG
+constexpr std::size_t BGZF_XLEN_OFFSET = 10;   // u16, 6: one subfield
+constexpr std::size_t BGZF_SI1_OFFSET = 12;    // 'B'
+constexpr std::size_t BGZF_SI2_OFFSET = 13;    // 'C'
+constexpr std::size_t BGZF_SLEN_OFFSET = 14;   // u16, 2
+constexpr std::size_t BGZF_BSIZE_OFFSET = 16;  // u16, block size - 1
+constexpr std::size_t BGZF_HEADER_BYTES = 18;
+constexpr std::size_t BGZF_TRAILER_BYTES = 8;  // u32 CRC32, u32 ISIZE
+constexpr std::size_t BGZF_FRAME_BYTES = BGZF_HEADER_BYTES + BGZF_TRAILER_BYTES;
+
+constexpr std::size_t MAX_BLOCK_BYTES = 65536;  // of a block, and of its payload
+constexpr std::size_t MAX_CDATA_BYTES = MAX_BLOCK_BYTES - BGZF_FRAME_BYTES;
+static_assert(MAX_CDATA_BYTES == 65510);
+
+// Raw deflate and inflate: no zlib or gzip wrapper, a window of 32 KiB.
+constexpr int RAW_WINDOW_BITS = -15;
+constexpr int DEFLATE_MEM_LEVEL = 8;
+constexpr char const* ZLIB_VERSION_TEXT = "1.2.12";
+
+std::uint64_t virtual_offset(std::uint64_t file_offset) { return file_offset << 16U; }
+
+Bytef const* as_bytes(char const* data) { return reinterpret_cast<Bytef const*>(data); }
+Bytef* as_bytes(char* data) { return reinterpret_cast<Bytef*>(data); }
+
+std::uint32_t crc32_of(char const* data, std::size_t size) {
+    return static_cast<std::uint32_t>(::crc32(0, as_bytes(data), static_cast<uInt>(size)));
+}
+
+// One zlib stream that deflates block after block, set up for the first and
+// reset for each later one: the bytes are those of a fresh stream.
+class Deflater {
+public:
+    Deflater() = default;
+    Deflater(Deflater const&) = delete;
+    Deflater& operator=(Deflater const&) = delete;
+    ~Deflater() {
+        if (is_set_up_) deflateEnd(&stream_);
+    }
+
+    // Deflates `size` bytes into the MAX_BLOCK_BYTES bytes at `out`. `produced` is
+    // the number of bytes put there, also where the result is false.
+    bool deflate_block(char const* data, std::size_t size, char* out, std::size_t& produced,
+                       std::string& error) {
+        produced = 0;
+        if (!set_up()) return fail(error, "Could not initialize stream deflate");
+        stream_.next_in = as_bytes(data);
+        stream_.avail_in = static_cast<uInt>(size);
+        stream_.next_out = as_bytes(out);
+        stream_.avail_out = static_cast<uInt>(MAX_BLOCK_BYTES);
+        int const code = deflate(&stream_, Z_FINISH);
+        produced = stream_.total_out;
+        if (code == Z_STREAM_END) return true;
+        error = "Deflate failed with error code " + std::to_string(code);
+        // Only ending the stream tells what it makes of being left unfinished.
+        finish(error);
+        return false;
+    }
+
+    // Ends the stream; the next block sets it up anew.
+    bool finish(std::string& error) {
+        is_set_up_ = false;
+        int const code = deflateEnd(&stream_);
+        if (code == Z_OK) return true;
+        return fail(error, "Deflate end failed with error code " + std::to_string(code));
+    }
+
+    bool could_not_be_set_up() const { return set_up_failed_; }
+
+private:
+    bool set_up() {
+        if (is_set_up_) return deflateReset(&stream_) == Z_OK;
+        stream_ = z_stream{};
+        is_set_up_ = deflateInit2_(&stream_, Z_DEFAULT_COMPRESSION, Z_DEFLATED, RAW_WINDOW_BITS,
+                                   DEFLATE_MEM_LEVEL, Z_DEFAULT_STRATEGY, ZLIB_VERSION_TEXT,
+                                   static_cast<int>(sizeof stream_)) == Z_OK;
+        set_up_failed_ = set_up_failed_ || !is_set_up_;
+        return is_set_up_;
+    }
+
+    z_stream stream_{};
+    bool is_set_up_ = false;
+    bool set_up_failed_ = false;
+};
+
+// One zlib stream that inflates block after block.
+class Inflater {
+public:
+    Inflater() = default;
+    Inflater(Inflater const&) = delete;
+    Inflater& operator=(Inflater const&) = delete;
+    ~Inflater() {
+        if (is_set_up_) inflateEnd(&stream_);
+    }
+
+    // Inflates a stream that must yield exactly `size` bytes, at most
+    // MAX_BLOCK_BYTES, to `out`.
+    bool inflate_block(char const* data, std::size_t compressed_size, char* out, std::size_t size,
+                       std::string& error) {
+        if (!set_up()) return fail(error, "Could not initialize stream inflate");
+        stream_.next_in = as_bytes(data);
+        stream_.avail_in = static_cast<uInt>(compressed_size);
+        stream_.next_out = as_bytes(out);
+        stream_.avail_out = static_cast<uInt>(size);
+        int const code = inflate(&stream_, Z_FINISH);
+        // An empty payload is what it is, whatever zlib makes of it.
+        if (size == 0) return true;
+        if (stream_.avail_out != 0) {
+            return fail(error, "Inflate did not produce expected amount of data");
+        }
+        if (code == Z_STREAM_END) return true;
+        return fail(error, "Inflate failed with error code " + std::to_string(code));
+    }
+
+private:
+    bool set_up() {
+        if (is_set_up_) return inflateReset(&stream_) == Z_OK;
+        is_set_up_ = inflateInit2_(&stream_, RAW_WINDOW_BITS, ZLIB_VERSION_TEXT,
+                                   static_cast<int>(sizeof stream_)) == Z_OK;
+        return is_set_up_;
+    }
+
+    z_stream stream_{};
+    bool is_set_up_ = false;
+};
+
+// Checks what a caller hands to be inflated, and inflates it.
+bool inflate_checked(Inflater& inflater, char const* data, std::size_t compressed_size, char* out,
+                     std::size_t size, std::string& error) {
+    if (compressed_size > MAX_BLOCK_BYTES || size > MAX_BLOCK_BYTES || data == nullptr) {
+        return fail(error, "Arguments to decompress_data incorrect");
+    }
+    return inflater.inflate_block(data, compressed_size, out, size, error);
+}
+
+// Appends bytes to a BAM file as BGZF blocks.
+class BlockWriter {
+public:
+    BlockWriter(std::ofstream& out, std::size_t& bytes_written, std::string& error)
+        : out_(out), bytes_written_(bytes_written), error_(error) {}
+
+    // Writes all of `data`. `block_offset` becomes the virtual offset of the last
+    // block written, `end_offset` that of the file's end. False, with blocks that
+    // cannot be read again, where zlib could not be set up.
+    bool write(std::vector<char> const& data, unsigned long& block_offset,
+               unsigned long& end_offset) {
+        block_offset = virtual_offset(bytes_written_);
+        for (std::size_t done = 0; done < data.size();) {
+            block_offset = virtual_offset(bytes_written_);
+            done += write_block(data.data() + done, data.size() - done);
+        }
+        end_offset = virtual_offset(bytes_written_);
+        return !deflater_.could_not_be_set_up();
+    }
+
+private:
+    // Writes one block with as much of the data as fits; returns how much that is.
+    std::size_t write_block(char const* data, std::size_t size) {
+        char* const cdata = block_.data() + BGZF_HEADER_BYTES;
+        std::size_t chunk = std::min(MAX_BLOCK_BYTES, size);
+        std::size_t cdata_bytes = 0;
+        deflater_.deflate_block(data, chunk, cdata, cdata_bytes, error_);
+        while (cdata_bytes > MAX_CDATA_BYTES) {
+            chunk /= 2;
+            deflater_.deflate_block(data, chunk, cdata, cdata_bytes, error_);
+        }
+
+        std::size_t const block_bytes = cdata_bytes + BGZF_FRAME_BYTES;
+        BamBuffer block{block_.data(), block_bytes};
+        block.put_bytes(reinterpret_cast<char const*>(HEADER_BYTES.data()), HEADER_BYTES.size());
+        block.put(static_cast<std::uint16_t>(block_bytes - 1));  // BSIZE
+        block.pos += cdata_bytes;                                // CDATA
+        block.put(crc32_of(data, chunk));                        // CRC32
+        block.put(static_cast<std::uint32_t>(chunk));            // ISIZE
+        out_.write(block_.data(), static_cast<std::streamsize>(block_bytes));
+        bytes_written_ += block_bytes;
+        return chunk;
+    }
+
+    std::ofstream& out_;
+    std::size_t& bytes_written_;
+    std::string& error_;
+    Deflater deflater_;
+    // Deflating may fill MAX_BLOCK_BYTES before it is found to be too much.
+    std::vector<char> block_ = std::vector<char>(MAX_BLOCK_BYTES + BGZF_FRAME_BYTES);
+};
+
+// Reads BGZF blocks from a BAM file.
+class BlockReader {
+public:
+    BlockReader(std::ifstream& in, std::string const& file_name, std::string& error)
+        : in_(in), file_name_(file_name), error_(error) {}
+
+    // Appends the payload of the next block to `out`, which is as before where the
+    // result is false. The stream's state is not looked at: missing bytes are zero
+    // and fail a check.
+    bool read(std::vector<char>& out) {
+        char header[BGZF_HEADER_BYTES];
+        read_bytes(header, sizeof header);
+        if (std::memcmp(header, HEADER_BYTES.data(), BGZF_MAGIC_BYTES) != 0) {
+            return fail(error_, "Encountered malformed BGZF header in file " + file_name_);
+        }
+        if (u16_at(header, BGZF_XLEN_OFFSET) != 6) {
+            return fail(error_,
+                        "Encountered unknown sub fields in BGZF header in file " + file_name_);
+        }
+        if (header[BGZF_SI1_OFFSET] != 'B' || header[BGZF_SI2_OFFSET] != 'C' ||
+            u16_at(header, BGZF_SLEN_OFFSET) != 2) {
+            return fail(error_, "Encountered malformed BGZF subfield in file " + file_name_);
+        }
+        std::size_t const block_bytes = std::size_t{u16_at(header, BGZF_BSIZE_OFFSET)} + 1;
+        if (block_bytes < BGZF_FRAME_BYTES) {
+            return fail(error_, "Encountered over-sized BGZF block in file " + file_name_);
+        }
+
+        std::size_t const cdata_bytes = block_bytes - BGZF_FRAME_BYTES;
+        char trailer[BGZF_TRAILER_BYTES];
+        read_bytes(cdata_.data(), cdata_bytes);
+        read_bytes(trailer, sizeof trailer);
+        BamBuffer fields{trailer, sizeof trailer};
+        auto const crc32 = fields.get<std::uint32_t>();
+        auto const isize = fields.get<std::uint32_t>();
+
+        std::size_t const old_size = out.size();
+        out.resize(old_size + std::min(std::size_t{isize}, MAX_BLOCK_BYTES));
+        char* const payload = out.data() + old_size;
+        std::string reason;
+        bool const inflated =
+            inflate_checked(inflater_, cdata_.data(), cdata_bytes, payload, isize, reason);
+        if (inflated && crc32_of(payload, isize) == crc32) return true;
+        out.resize(old_size);
+        if (inflated) return fail(error_, "CRC mismatch after decompressing BGZF block!");
+        return fail(error_,
+                    "BGZF block did not unzip correctly in file " + file_name_ + " : " + reason);
+    }
+
+private:
+    void read_bytes(char* bytes, std::size_t n) {
+        in_.read(bytes, static_cast<std::streamsize>(n));
+        auto const n_read = static_cast<std::size_t>(in_.gcount());
+        std::memset(bytes + n_read, 0, n - n_read);
+    }
+
+    static std::uint16_t u16_at(char const* bytes, std::size_t offset) {
+        std::uint16_t value = 0;
+        std::memcpy(&value, bytes + offset, sizeof value);
+        return value;
+    }
+
+    std::ifstream& in_;
+    std::string const& file_name_;
+    std::string& error_;
+    Inflater inflater_;
+    std::vector<char> cdata_ = std::vector<char>(MAX_BLOCK_BYTES);
+};
+
+// Bytes of a record's fixed fields, block_size included, and of the NUL behind
+// its name.
+constexpr std::size_t FIXED_RECORD_BYTES = 37;
+
+// Room that the serialiser allows for one optional field.
+std::size_t aux_bytes(AuxData const& field) {
+    switch (field.type) {
+        // Deliberate: of s and S one byte is forgotten, so that a record with such
+        // a field cannot be written.
+        case 's':
+        case 'S':
+        case 'A':
+        case 'c':
+        case 'C': return 4;
+        case 'i':
+        case 'I':
+        case 'f': return 7;
+        case 'Z':
+        case 'H': return boost::any_cast<std::string const&>(field.value).size() + 4;
+        case 'B': return boost::any_cast<AuxNumericalArray const&>(field.value).data.size() + 8;
+        default: return 0;
+    }
+}
+
+std::size_t serialised_bytes(BamRecord const& record) {
+    std::size_t size = FIXED_RECORD_BYTES + record.read_name.size() +
+                       record.cigar.size() * sizeof record.cigar[0] + record.seq.size() +
+                       record.qual.size();
+    for (AuxData const& field : record.aux_data) size += aux_bytes(field);
+    return size;
+}
+
+template <typename Element>
+void put_elements(BamBuffer& buffer, std::vector<Element> const& elements) {
+    buffer.put_bytes(reinterpret_cast<char const*>(elements.data()),
+                     elements.size() * sizeof(Element));
+}
+
+// Writes the value of an optional field; nothing for an unknown type.
+void put_aux_value(BamBuffer& buffer, AuxData const& field) {
+    switch (field.type) {
+        case 'A': buffer.put(boost::any_cast<char>(field.value)); break;
+        case 'c': buffer.put(boost::any_cast<std::int8_t>(field.value)); break;
+        case 'C': buffer.put(boost::any_cast<std::uint8_t>(field.value)); break;
+        case 's': buffer.put(boost::any_cast<std::int16_t>(field.value)); break;
+        case 'S': buffer.put(boost::any_cast<std::uint16_t>(field.value)); break;
+        case 'i': buffer.put(boost::any_cast<std::int32_t>(field.value)); break;
+        case 'I': buffer.put(boost::any_cast<std::uint32_t>(field.value)); break;
+        case 'f': buffer.put(boost::any_cast<float>(field.value)); break;
+        case 'Z':
+        case 'H': {
+            auto const& text = boost::any_cast<std::string const&>(field.value);
+            buffer.put_bytes(text.c_str(), text.size() + 1);
+            break;
+        }
+        case 'B': {
+            auto const& array = boost::any_cast<AuxNumericalArray const&>(field.value);
+            buffer.put(array.type);
+            buffer.put(static_cast<std::int32_t>(array.count));
+            put_elements(buffer, array.data);
+            break;
+        }
+        default: break;
+    }
+}
+
+// The next n bytes, n as a record states it: a negative number is more than any
+// buffer holds.
+char const* take_bytes(BamBuffer& buffer, std::int64_t n) {
+    return buffer.get_bytes(static_cast<std::size_t>(n));
+}
+
+// A text of at most n bytes, which ends before its first NUL.
+std::string take_text(BamBuffer& buffer, std::size_t n) {
+    char const* const text = buffer.get_bytes(n);
+    return {text, std::find(text, text + n, '\0')};
+}
+
+// A text that ends at a NUL, which is stepped over.
+std::string take_nul_terminated_text(BamBuffer& buffer) {
+    char const* const begin = buffer.get_bytes(0);
+    char const* const end = buffer.data + buffer.size;
+    char const* const nul = std::find(begin, end, '\0');
+    if (nul == end) throw_extracting_overrun();
+    buffer.get_bytes(static_cast<std::size_t>(nul - begin) + 1);
+    return {begin, nul};
+}
+
+AuxNumericalArray take_array(BamBuffer& buffer) {
+    AuxNumericalArray array;
+    array.type = buffer.get<char>();
+    auto const count = buffer.get<std::int32_t>();
+    std::uint32_t const width = element_width(array.type);
+    if (count < 0 || (width == 0 && count != 0)) throw_extracting_overrun();
+    array.count = static_cast<std::uint32_t>(count);
+    std::int64_t const n_bytes = std::int64_t{count} * width;
+    char const* const elements = take_bytes(buffer, n_bytes);
+    array.data.assign(elements, elements + n_bytes);
+    return array;
+}
+
+// Reads the value of an optional field by its type letter; false for an unknown
+// letter.
+bool take_aux_value(BamBuffer& buffer, char type, boost::any& value) {
+    switch (type) {
+        case 'A': value = buffer.get<char>(); return true;
+        case 'c': value = buffer.get<std::int8_t>(); return true;
+        case 'C': value = buffer.get<std::uint8_t>(); return true;
+        case 's': value = buffer.get<std::int16_t>(); return true;
+        case 'S': value = buffer.get<std::uint16_t>(); return true;
+        case 'i': value = buffer.get<std::int32_t>(); return true;
+        case 'I': value = buffer.get<std::uint32_t>(); return true;
+        case 'f': value = buffer.get<float>(); return true;
+        case 'Z':
+        case 'H': value = take_nul_terminated_text(buffer); return true;
+        case 'B': value = take_array(buffer); return true;
+        default: return false;
+    }
+}
+
+// Gathers the index of a BAM file from its records, in the order in which they
+// are written. Consecutive records of one reference and bin form a chunk; the
+// current one is filed under its bin when the next begins.
+class IndexGatherer {
+public:
+    // `no_placed_read_chunks` is true until the first placed record.
+    IndexGatherer(FileIndex& index, bool& no_placed_read_chunks)
+        : index_(index), no_placed_read_chunks_(no_placed_read_chunks) {}
+
+    // Adds a record that lies between two virtual offsets.
+    void add(BamRecord const& record, std::uint64_t beg, std::uint64_t end) {
+        if (record.refID == -1) {
+            ++index_.n_no_coor;
+            return;
+        }
+        ReferenceIndex& reference = index_.ref_indices[record.refID];
+        add_to_linear_index(reference, record, beg);
+        bool const extends_chunk = !no_placed_read_chunks_ && record.refID == previous_refID_ &&
+                                   record.bin == previous_bin_;
+        if (extends_chunk) {
+            chunk_.chunk_end = end;
+        } else {
+            if (!no_placed_read_chunks_) file_chunk();
+            no_placed_read_chunks_ = false;
+            chunk_ = {beg, end};
+            previous_refID_ = record.refID;
+            previous_bin_ = record.bin;
+        }
+        bool const is_unmapped = (record.flag & UNMAPPED_FLAG) != 0;
+        ++(is_unmapped ? reference.n_unmapped : reference.n_mapped);
+    }
+
+    // Files the last chunk.
+    void finish() {
+        if (!no_placed_read_chunks_) file_chunk();
+    }
+
+private:
+    static constexpr unsigned UNMAPPED_FLAG = 4;
+
+    static constexpr std::int64_t MAX_WINDOWS = std::int64_t{1} << 20;
+
+    void file_chunk() {
+        ReferenceIndex& reference = index_.ref_indices[previous_refID_];
+        if (reference.ref_beg == ReferenceIndex{}.ref_beg) reference.ref_beg = chunk_.chunk_beg;
+        reference.ref_end = std::max(reference.ref_end, chunk_.chunk_end);
+        reference.bins[previous_bin_].chunks.push_back(chunk_);
+    }
+
+    // Enters a record that begins at a virtual offset into its windows.
+    static void add_to_linear_index(ReferenceIndex& reference, BamRecord const& record,
+                                    std::uint64_t beg) {
+        std::int64_t const first = record.pos >> WINDOW_SHIFT;
+        // Deliberate: the base after the last counts, so that a record that ends
+        // on a boundary between windows covers the next window, too.
+        auto const end = static_cast<std::int64_t>(
+            static_cast<std::uint64_t>(std::int64_t{record.pos}) + record.ref_length);
+        std::int64_t const last = end >> WINDOW_SHIFT;
+        std::vector<std::uint64_t>& ioffsets = reference.ioffsets;
+        auto const size = static_cast<std::int64_t>(ioffsets.size());
+        if (last < std::numeric_limits<std::int32_t>::min() ||
+            (last >= size && 2 * last > MAX_WINDOWS)) {
+            throw std::length_error("Alignment ends beyond the range of a BAM index: position " +
+                                    std::to_string(end));
+        }
+        if (size == 0) {
+            ioffsets.resize(static_cast<std::size_t>(std::max<std::int64_t>(1, 2 * last)));
+        } else if (last >= size) {
+            ioffsets.resize(static_cast<std::size_t>(2 * last));
+        }
+
+        // Windows between the last one set and this record take the value of the
+        // former; the record's own windows take its offset, those set before keep
+        // theirs, which is smaller.
+        std::int64_t const n = reference.n_intv;
+        std::uint64_t const before = n > 0 ? ioffsets[static_cast<std::size_t>(n - 1)] : beg;
+        if (size != 0) fill_windows(ioffsets, n, first, before);
+        fill_windows(ioffsets, size == 0 ? 0 : std::max(first, n), last + 1, beg);
+        // Deliberate: no maximum. A record that ends before its predecessors
+        // shortens what the index file holds.
+        reference.n_intv = static_cast<std::int32_t>(last + 1);
+    }
+
+    // Sets the windows from `begin` up to `end` (half-open), as far as they exist.
+    static void fill_windows(std::vector<std::uint64_t>& ioffsets, std::int64_t begin,
+                             std::int64_t end, std::uint64_t offset) {
+        begin = std::max<std::int64_t>(begin, 0);
+        end = std::min(end, static_cast<std::int64_t>(ioffsets.size()));
+        if (begin < end) {
+            std::fill(ioffsets.begin() + begin, ioffsets.begin() + end, offset);
+        }
+    }
+
+    FileIndex& index_;
+    bool& no_placed_read_chunks_;
+    ChunkIndex chunk_;
+    std::int32_t previous_refID_ = 0;
+    std::uint16_t previous_bin_ = 0;
+};
+
+// Header of a BAM file: magic, text and reference list.
+std::vector<char> serialise_bam_header(std::string const& text,
+                                       std::vector<RefSeq> const& references, bool& is_filled) {
+    constexpr std::size_t FIXED_BYTES = 12;     // magic, l_text, n_ref
+    constexpr std::size_t FIXED_REF_BYTES = 9;  // l_name, the name's NUL, l_ref
+    std::size_t size = FIXED_BYTES + text.size();
+    for (RefSeq const& reference : references) size += reference.name.size() + FIXED_REF_BYTES;
+
+    std::vector<char> bytes(size);
+    BamBuffer buffer{bytes.data(), bytes.size()};
+    buffer.put_bytes(BAM_MAGIC_WORD, sizeof BAM_MAGIC_WORD);
+    buffer.put(static_cast<std::int32_t>(text.size()));  // l_text
+    buffer.put_bytes(text.data(), text.size());
+    buffer.put(static_cast<std::int32_t>(references.size()));  // n_ref
+    for (RefSeq const& reference : references) {
+        buffer.put(static_cast<std::int32_t>(reference.name.size() + 1));  // l_name
+        buffer.put_bytes(reference.name.c_str(), reference.name.size() + 1);
+        buffer.put(reference.length);  // l_ref
+    }
+    is_filled = buffer.pos == buffer.size;
+    return bytes;
+}
+
+}  // namespace
+
+std::vector<char> BAMFileHandler::compress_data(char const* data, unsigned int size) const {
+    if (data == nullptr || size > MAX_BLOCK_BYTES) {
+        fail(error_message, "Arguments to compress_data incorrect");
+        return {};
+    }
+    std::vector<char> compressed(MAX_BLOCK_BYTES);
+    std::size_t produced = 0;
+    Deflater deflater;
+    bool const done =
+        deflater.deflate_block(data, size, compressed.data(), produced, error_message) &&
+        deflater.finish(error_message);
+    // Deliberate: after a failure as many zero bytes as were produced. Their
+    // number tells a caller that the data are too many for one block.
+    if (!done) compressed.clear();
+    compressed.resize(produced);
+    return compressed;
+}
+
+std::vector<char> BAMFileHandler::decompress_data(char const* data, unsigned int compressed_size,
+                                                  unsigned int uncompressed_size) {
+    std::vector<char> result(std::min(std::size_t{uncompressed_size}, MAX_BLOCK_BYTES));
+    Inflater inflater;
+    if (!inflate_checked(inflater, data, compressed_size, result.data(), uncompressed_size,
+                         error_message)) {
+        return {};
+    }
+    return result;
+}
+
+bool BAMFileHandler::write_BGZF_blocks_to_BAM(std::ofstream& out, std::vector<char> const& data,
+                                              unsigned long& block_offset,
+                                              unsigned long& end_offset) const {
+    BlockWriter(out, bytes_written, error_message).write(data, block_offset, end_offset);
+    return true;
+}
+
+bool BAMFileHandler::read_BGZF_block_from_BAM(std::ifstream& in, std::vector<char>& out) {
+    return BlockReader(in, file_name, error_message).read(out);
+}
+
+bool BAMFileHandler::serialise_bam_record_to_buffer(BamRecord const& record,
+                                                    std::vector<char>& buffer) const {
+    buffer.resize(serialised_bytes(record));
+    BamBuffer out{buffer.data(), buffer.size()};
+    auto const l_read_name = static_cast<std::uint8_t>(record.read_name.size() + 1);
+    auto const n_cigar_op = static_cast<std::uint16_t>(record.cigar.size());
+    out.put(static_cast<std::int32_t>(buffer.size() - sizeof(std::int32_t)));  // block_size
+    out.put(record.refID);
+    out.put(record.pos);
+    out.put(l_read_name);
+    out.put(record.mapq);
+    out.put(record.bin);
+    out.put(n_cigar_op);
+    out.put(record.flag);
+    out.put(record.l_seq);
+    out.put(record.next_refID);
+    out.put(record.next_pos);
+    out.put(record.tlen);
+    out.put_bytes(record.read_name.c_str(), record.read_name.size() + 1);
+    put_elements(out, record.cigar);
+    put_elements(out, record.seq);
+    put_elements(out, record.qual);
+    for (AuxData const& field : record.aux_data) {
+        char tag[2] = {'\0', '\0'};
+        field.tag.copy(tag, sizeof tag);
+        out.put_bytes(tag, sizeof tag);
+        out.put(field.type);
+        put_aux_value(out, field);
+    }
+    if (out.pos != out.size) {
+        return fail(error_message, "Write buffer was not fully used when serialising SAM line");
+    }
+    return true;
+}
+
+bool BAMFileHandler::extract_alignment_from_buffer(BamBuffer& buffer) {
+    BamRecord record;
+    auto const block_size = buffer.get<std::int32_t>();
+    std::int64_t const record_end = static_cast<std::int64_t>(buffer.pos) + block_size;
+    auto const is_before_end = [&] { return static_cast<std::int64_t>(buffer.pos) < record_end; };
+
+    record.refID = buffer.get<std::int32_t>();
+    record.pos = buffer.get<std::int32_t>();
+    auto const l_read_name = buffer.get<std::uint8_t>();
+    record.mapq = buffer.get<std::uint8_t>();
+    record.bin = buffer.get<std::uint16_t>();
+    auto const n_cigar_op = buffer.get<std::uint16_t>();
+    record.flag = buffer.get<std::uint16_t>();
+    record.l_seq = buffer.get<std::int32_t>();
+    record.next_refID = buffer.get<std::int32_t>();
+    record.next_pos = buffer.get<std::int32_t>();
+    record.tlen = buffer.get<std::int32_t>();
+    record.read_name = take_text(buffer, l_read_name);
+
+    std::size_t const cigar_bytes = n_cigar_op * sizeof record.cigar[0];
+    char const* const cigar = buffer.get_bytes(cigar_bytes);
+    record.cigar.resize(n_cigar_op);
+    if (cigar_bytes != 0) std::memcpy(record.cigar.data(), cigar, cigar_bytes);
+    record.ref_length = get_cigar_ref_length(record.cigar);
+
+    // Signed, so that the rounding of a wrapped length is that of 32-bit division.
+    std::int32_t const seq_bytes = wrapping_add(record.l_seq, 1) / 2;
+    char const* const seq = take_bytes(buffer, seq_bytes);
+    record.seq.assign(seq, seq + seq_bytes);
+    char const* const qual = take_bytes(buffer, record.l_seq);
+    record.qual.assign(qual, qual + record.l_seq);
+
+    while (is_before_end()) {
+        AuxData& field = record.aux_data.emplace_back();
+        field.tag.assign(buffer.get_bytes(2), 2);
+        field.type = buffer.get<char>();
+        if (!take_aux_value(buffer, field.type, field.value)) {
+            return fail(error_message,
+                        "Invalid auxiliary data type found in alignment record in " + file_name);
+        }
+    }
+    if (static_cast<std::int64_t>(buffer.pos) != record_end) {
+        return fail(error_message, "BAM file block length mismatch in file " + file_name);
+    }
+    if (!update_sam_line(record)) {
+        return fail(error_message, "SAM line generation failed: " + error_message);
+    }
+    records.push_back(std::move(record));
+    return true;
+}
+
+bool BAMFileHandler::read_from_bam_file(std::string const& path) {
+    file_name = path;
+    auto const clear_file_name = gsl::finally([this] { file_name.clear(); });
+    reset();
+    std::ifstream in;
+    if (!open_for_reading(in, path, std::ios::in | std::ios::binary | std::ios::ate)) {
+        return fail(error_message, "Cannot open file " + file_name);
+    }
+    // Deliberate: 32 bits, so that files of 2 GiB or more are not read correctly.
+    std::streamoff const file_size = static_cast<std::int32_t>(in.tellg());
+    in.seekg(0);
+
+    std::vector<char> payload;
+    bool saw_empty_block = false;
+    BlockReader blocks(in, file_name, error_message);
+    for (std::streamoff position = in.tellg(); position != file_size && position != -1;
+         position = in.tellg()) {
+        std::size_t const old_size = payload.size();
+        if (!blocks.read(payload)) return false;
+        // Deliberate: an empty block anywhere will do.
+        if (payload.size() == old_size) saw_empty_block = true;
+    }
+    if (!saw_empty_block) {
+        return fail(error_message,
+                    "Final BGZF block was not the EOF sequence as expected in file " + file_name +
+                        ". Perhaps the file is corrupt?");
+    }
+    in.close();
+    if (!in) return fail(error_message, "BAM file reported error on close " + file_name);
+
+    try {
+        return parse_bam_payload(payload);
+    } catch (std::runtime_error const& overrun) {
+        return fail(error_message,
+                    std::string("Reached end of uncompressed BAM buffer unexpectedly while "
+                                "extracting data: ") +
+                        overrun.what());
+    }
+}
+
+bool BAMFileHandler::parse_bam_payload(std::vector<char>& payload) {
+    BamBuffer buffer{payload.data(), payload.size()};
+    if (std::memcmp(buffer.get_bytes(sizeof BAM_MAGIC_WORD), BAM_MAGIC_WORD,
+                    sizeof BAM_MAGIC_WORD) != 0) {
+        return fail(error_message, "BAM file did not contain well formed header: " + file_name);
+    }
+    auto const l_text = buffer.get<std::uint32_t>();
+    char const* const text = buffer.get_bytes(l_text);
+    if (!add_header_lines(std::string(text, l_text))) return false;
+
+    // Deliberate: behind the references of the header text, whatever these are.
+    auto const n_ref = buffer.get<std::uint32_t>();
+    for (std::uint32_t i = 0; i < n_ref; ++i) {
+        auto const l_name = buffer.get<std::uint32_t>();
+        std::string name = take_text(buffer, l_name);
+        auto const l_ref = buffer.get<std::int32_t>();
+        references.push_back({std::move(name), l_ref});
+    }
+    while (buffer.pos != buffer.size) {
+        if (!extract_alignment_from_buffer(buffer)) return false;
+    }
+    return true;
+}
+
+bool BAMFileHandler::write_to_bam_file(std::string const& path, bool write_index) const {
+    // Deliberate: kept for the life of the process. Every index after the first
+    // begins with the empty chunk (0, 0), in bin 0 of reference 0.
+    static bool no_placed_read_chunks = true;
+
+    file_name = path;
+    bytes_written = 0;
+    auto const clear_file_name = gsl::finally([this] { file_name.clear(); });
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    if (!out) return fail(error_message, "Cannot open file " + file_name);
+    if (write_index && !begins_with(sort_order, COORDINATE_ORDER)) {
+        return fail(error_message, "Index can be written only for sorted files");
+    }
+
+    BlockWriter blocks(out, bytes_written, error_message);
+    unsigned long record_beg = 0;
+    unsigned long record_end = 0;
+    std::string header_text;
+    get_updated_header(header_text);
+    bool is_filled = false;
+    std::vector<char> buffer = serialise_bam_header(header_text, references, is_filled);
+    if (!is_filled)
+        return fail(error_message, "Header buffer was not correctly filled during write");
+    if (!blocks.write(buffer, record_beg, record_end)) {
+        return fail(error_message, "BGZF writing failed: " + error_message);
+    }
+
+    FileIndex index;
+    index.n_ref = static_cast<std::int32_t>(references.size());
+    IndexGatherer gatherer(index, no_placed_read_chunks);
+    for (BamRecord const& record : records) {
+        if (!serialise_bam_record_to_buffer(record, buffer)) {
+            return fail(error_message, "Bam record serialization failed: " + error_message);
+        }
+        if (!blocks.write(buffer, record_beg, record_end)) {
+            return fail(error_message, "BGZF writing failed: " + error_message);
+        }
+        if (write_index) gatherer.add(record, record_beg, record_end);
+    }
+    if (write_index) gatherer.finish();
+
+    out.write(reinterpret_cast<char const*>(END_OF_FILE_SEQ.data()), END_OF_FILE_SEQ.size());
+    out.close();
+    if (!out) return fail(error_message, "BAM file reported error on close " + file_name);
+    if (write_index && !write_index_to_file(file_name + ".bai", index)) {
+        return fail(error_message, "Could not write BAM index : " + error_message);
+    }
+    return true;
+}
+
+bool BAMFileHandler::write_to_bam_file(std::string const& path, bool write_index) {
+    if (write_index && !begins_with(sort_order, COORDINATE_ORDER)) sort();
+    return std::as_const(*this).write_to_bam_file(path, write_index);
+}
+
+// ===========================================================================
+// 5. Coordinate sort and BAI index
+//
+// sort() orders `records`. While writing, the BAM writer gathers a FileIndex,
+// which write_index_to_file() stores. A virtual offset is
+// (offset of a block in the file << 16) | offset inside the block's data.
+// ===========================================================================
+
+namespace {
+
+constexpr char BAI_MAGIC_WORD[4] = {'B', 'A', 'I', '\1'};
+
+// The bin that holds a reference's extent and counts instead of chunks.
+constexpr std::uint32_t PSEUDO_BIN = 37450;
+constexpr std::int32_t PSEUDO_BIN_CHUNKS = 2;
+
+constexpr std::uint32_t WINDOW_BASES = 1U << WINDOW_SHIFT;
+
+// The levels of the binning scheme below bin 0, finest first: bins of 2^shift
+// bases, numbered from `first_bin` on.
+struct BinLevel {
+    int shift;
+    int first_bin;
+};
+constexpr BinLevel BIN_LEVELS[] = {{14, 4681}, {17, 585}, {20, 73}, {23, 9}, {26, 1}};
+
+// A record's place in coordinate order: refID read as unsigned, so that -1, no
+// reference, comes last; then pos, its sign bit flipped, so that it compares as
+// a signed number; then the place that the record had.
+struct SortKey {
+    std::uint64_t coordinate;
+    std::uint64_t index;
+
+    bool operator<(SortKey const& other) const {
+        return coordinate != other.coordinate ? coordinate < other.coordinate : index < other.index;
+    }
+};
+
+std::uint64_t coordinate_of(BamRecord const& record) {
+    constexpr std::uint32_t SIGN_BIT = 0x80000000U;
+    return std::uint64_t{static_cast<std::uint32_t>(record.refID)} << 32U |
+           (static_cast<std::uint32_t>(record.pos) ^ SIGN_BIT);
+}
+
+// Moves the record that stands at keys[i].index to place i, for all i.
+void move_into_order(std::vector<BamRecord>& records, std::vector<SortKey>& keys) {
+    for (std::size_t start = 0; start < keys.size(); ++start) {
+        if (keys[start].index == start) continue;
+        // Follow the cycle of places from one whose record is set aside.
+        BamRecord set_aside = std::move(records[start]);
+        std::size_t place = start;
+        while (keys[place].index != start) {
+            std::size_t const source = keys[place].index;
+            records[place] = std::move(records[source]);
+            keys[place].index = place;
+            place = source;
+        }
+        records[place] = std::move(set_aside);
+        keys[place].index = place;
+    }
+}
+
+template <typename Number>
+void write_number(std::ostream& out, Number value) {
+    out.write(reinterpret_cast<char const*>(&value), sizeof value);
+}
+
+template <typename Number>
+Number read_number(std::istream& in) {
+    Number value = 0;
+    in.read(reinterpret_cast<char*>(&value), sizeof value);
+    return value;
+}
+
+void write_chunk(std::ostream& out, std::uint64_t beg, std::uint64_t end) {
+    write_number(out, beg);
+    write_number(out, end);
+}
+
+void write_reference_index(std::ostream& out, ReferenceIndex const& reference) {
+    if (reference.bins.empty()) {
+        write_number(out, std::int32_t{0});  // n_bin
+    } else {
+        write_number(out, static_cast<std::int32_t>(reference.bins.size() + 1));  // n_bin
+        write_number(out, PSEUDO_BIN);
+        write_number(out, PSEUDO_BIN_CHUNKS);
+        write_chunk(out, reference.ref_beg, reference.ref_end);
+        write_chunk(out, reference.n_mapped, reference.n_unmapped);
+    }
+    for (auto const& [bin, bin_index] : reference.bins) {
+        write_number(out, bin);
+        write_number(out, static_cast<std::int32_t>(bin_index.chunks.size()));  // n_chunk
+        for (ChunkIndex const& chunk : bin_index.chunks) {
+            write_chunk(out, chunk.chunk_beg, chunk.chunk_end);
+        }
+    }
+    write_number(out, reference.n_intv);
+    for (std::int32_t i = 0; i < reference.n_intv; ++i) {
+        // An entry that is missing from a hand-made index: from the file's start.
+        auto const window = static_cast<std::size_t>(i);
+        write_number(out, window < reference.ioffsets.size() ? reference.ioffsets[window] : 0);
+    }
+}
+
+// Prints the reference sections of a BAI file. A read that hits the end of the
+// file ends everything; whoever reads on finds the stream failed.
+class IndexPrinter {
+public:
+    IndexPrinter(std::istream& in, std::ostream& out) : in_(in), out_(out) {}
+
+    void print_line(std::string const& line) const { out_ << line << std::endl; }
+
+    // False where the pseudo-bin is malformed.
+    bool print_reference(std::int32_t ref) {
+        auto const n_bin = read_number<std::int32_t>(in_);
+        if (!in_) return true;
+        std::string const ref_text = "Ref " + std::to_string(ref);
+        print_line("\n" + ref_text + " has " + std::to_string(n_bin) + " bins");
+
+        std::int32_t n_real_chunks = 0;
+        for (std::int32_t j = 0; j < n_bin; ++j) {
+            auto const bin = read_number<std::int32_t>(in_);
+            auto const n_chunk = read_number<std::int32_t>(in_);
+            if (!in_) return true;
+            print_line(ref_text + " bin " + std::to_string(bin) + " has " +
+                       std::to_string(n_chunk) + " chunks");
+            if (static_cast<std::uint32_t>(bin) == PSEUDO_BIN) {
+                if (n_chunk != PSEUDO_BIN_CHUNKS) return false;
+                print_pseudo_bin();
+            } else {
+                n_real_chunks = wrapping_add(n_real_chunks, n_chunk);
+                print_chunks(n_chunk);
+            }
+            if (!in_) return true;
+        }
+        print_line(ref_text + " has " + std::to_string(n_real_chunks) + " total real chunks");
+
+        auto const n_intv = read_number<std::int32_t>(in_);
+        if (!in_) return true;
+        print_line(ref_text + " has " + std::to_string(n_intv) + " linear intervals");
+        print_windows(n_intv);
+        return true;
+    }
+
+private:
+    // The two parts of a virtual offset, with a text between them.
+    static std::string offset_text(std::uint64_t offset, char const* between) {
+        return std::to_string(offset >> 16U) + between + std::to_string(offset & 0xFFFFU);
+    }
+
+    void print_chunks(std::int32_t n_chunk) {
+        for (std::int32_t k = 0; k < n_chunk; ++k) {
+            auto const beg = read_number<std::uint64_t>(in_);
+            auto const end = read_number<std::uint64_t>(in_);
+            if (!in_) return;
+            print_line("Start is file offset " + offset_text(beg, " block offset "));
+            print_line("End is file offset " + offset_text(end, " block offset "));
+        }
+    }
+
+    void print_pseudo_bin() {
+        auto const ref_beg = read_number<std::uint64_t>(in_);
+        auto const ref_end = read_number<std::uint64_t>(in_);
+        auto const n_mapped = read_number<std::uint64_t>(in_);
+        auto const n_unmapped = read_number<std::uint64_t>(in_);
+        if (!in_) return;
+        print_line("Magic bin says placed unmapped begin " + offset_text(ref_beg, ",") + " end " +
+                   offset_text(ref_end, ",") + ", num mapped " + std::to_string(n_mapped) +
+                   ", unmapped " + std::to_string(n_unmapped));
+    }
+
+    void print_windows(std::int32_t n_intv) {
+        for (std::int32_t i = 0; i < n_intv; ++i) {
+            auto const offset = read_number<std::uint64_t>(in_);
+            if (!in_) return;
+            std::uint32_t const start = static_cast<std::uint32_t>(i) * WINDOW_BASES;
+            print_line("Linear file offset " + offset_text(offset, " block offset ") + " (" +
+                       std::to_string(start) + " - " + std::to_string(start + WINDOW_BASES - 1) +
+                       ")");
+        }
+    }
+
+    std::istream& in_;
+    std::ostream& out_;
+};
+
+}  // namespace
+
+bool BAMFileHandler::sort() {
+    std::vector<SortKey> keys;
+    keys.reserve(records.size());
+    for (BamRecord const& record : records) keys.push_back({coordinate_of(record), keys.size()});
+    if (!std::is_sorted(keys.begin(), keys.end())) {
+        std::sort(keys.begin(), keys.end());
+        move_into_order(records, keys);
+    }
+    has_sort_order = true;
+    sort_order = COORDINATE_ORDER;
+    return true;
+}
+
+unsigned short BAMFileHandler::reg_to_bin(int beg, int end) {
+    int const last = wrapping_add(end, -1);
+    for (BinLevel const& level : BIN_LEVELS) {
+        if (beg >> level.shift == last >> level.shift) {
+            return static_cast<unsigned short>(level.first_bin + (beg >> level.shift));
+        }
+    }
+    return 0;
+}
+
+void BAMFileHandler::reg_to_bins(int beg, int end, std::vector<unsigned short>& bins) {
+    int const last = wrapping_add(end, -1);
+    bins.push_back(0);
+    std::for_each(std::rbegin(BIN_LEVELS), std::rend(BIN_LEVELS), [&](BinLevel const& level) {
+        int const last_bin = level.first_bin + (last >> level.shift);
+        for (int bin = level.first_bin + (beg >> level.shift); bin <= last_bin; ++bin) {
+            bins.push_back(static_cast<unsigned short>(bin));
+        }
+    });
+}
+
+bool BAMFileHandler::write_index_to_file(std::string index_file, FileIndex& index) const {
+    file_name = std::move(index_file);
+    std::ofstream out(file_name, std::ios::binary | std::ios::trunc);
+    if (!out) {
+        return fail(error_message, "Cannot open index file " + file_name + " for writing");
+    }
+    out.write(BAI_MAGIC_WORD, sizeof BAI_MAGIC_WORD);
+    write_number(out, index.n_ref);
+    for (std::int32_t ref = 0; ref < index.n_ref; ++ref) {
+        write_reference_index(out, index.ref_indices[ref]);
+    }
+    write_number(out, index.n_no_coor);
+    return true;
+}
+
+bool BAMFileHandler::print_index_from_file(std::string index_file) const {
+    file_name = std::move(index_file);
+    auto const clear_file_name = gsl::finally([this] { file_name.clear(); });
+    std::ifstream in;
+    if (!open_for_reading(in, file_name, std::ios::in | std::ios::binary)) {
+        return fail(error_message, "Cannot open index file " + file_name);
+    }
+    char magic[sizeof BAI_MAGIC_WORD] = {};
+    in.read(magic, sizeof magic);
+    if (std::memcmp(magic, BAI_MAGIC_WORD, sizeof magic) != 0) {
+        return fail(error_message, "Encountered malformed BAI header in file " + file_name);
+    }
+    auto const n_ref = read_number<std::int32_t>(in);
+    IndexPrinter printer(in, std::cout);
+    printer.print_line("n_ref is " + std::to_string(n_ref));
+    for (std::int32_t ref = 0; ref < n_ref && in; ++ref) {
+        if (!printer.print_reference(ref)) {
+            return fail(error_message,
+                        "Encountered malformed magic bin in index file " + file_name);
+        }
+    }
+
+    auto const n_no_coor = read_number<std::uint64_t>(in);
+    if (in) printer.print_line("Got n_no_coor " + std::to_string(n_no_coor));
+    char extra = '\0';
+    if (in.read(&extra, 1)) {
+        printer.print_line("Error: more bytes available in the index file!");
+    }
+    return true;
+}
+
+}  // namespace tesk::util::bam
