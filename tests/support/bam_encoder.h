@@ -48,14 +48,14 @@ struct Reference {
 struct RawBamRecord {
     std::int32_t refID = -1;
     std::int32_t pos = -1;
-    std::string read_name = "r1";        // written with a NUL after it
+    std::string read_name = "r1";  // written with a NUL after it
     std::uint8_t mapq = 0;
     std::uint16_t bin = 4680;
     std::uint16_t flag = 4;
     std::int32_t next_refID = -1;
     std::int32_t next_pos = -1;
     std::int32_t tlen = 0;
-    std::vector<std::uint32_t> cigar;    // packed
+    std::vector<std::uint32_t> cigar;  // packed
     std::int32_t l_seq = 0;
     std::string seq;                     // packed, two bases a byte
     std::string qual;                    // without the offset 33

@@ -1,0 +1,22 @@
+// Which of the two alignment formats a file has.
+
+#pragma once
+
+#include <string>
+
+namespace tesk::tool {
+
+enum class FileKind { SAM, BAM };
+
+/// "SAM" or "BAM".
+char const* kind_name(FileKind kind);
+
+/// The kind of a file.
+///
+/// @param path    its ending, .sam or .bam in any case, decides ...
+/// @param wanted  ... unless this is "sam" or "bam"
+/// @param option  the option that would have said so, for the message
+/// @throws UsageError  neither tells
+FileKind kind_of(std::string const& path, std::string const& wanted, std::string const& option);
+
+}  // namespace tesk::tool

@@ -1,0 +1,22 @@
+// The command that sums up an alignment file.
+
+#pragma once
+
+#include <string>
+
+namespace tesk::tool {
+
+/// What "tesk-bam info" was asked for.
+struct InfoOptions {
+    std::string file;
+    std::string from;    // "sam" or "bam"; empty: the ending of `file` tells
+    bool json = false;   // one JSON object instead of text for people
+    bool quiet = false;  // no progress
+};
+
+/// Prints the summary on standard output.
+/// @throws UsageError  the kind of the file is unclear
+/// @throws ToolError   the file, or standard output, is at fault
+void info(InfoOptions const& options);
+
+}  // namespace tesk::tool
