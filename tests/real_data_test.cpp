@@ -26,6 +26,7 @@
 #include "tests/support/index_builder.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_file.h"
+#include "tests/support/text.h"
 
 namespace {
 
@@ -188,18 +189,6 @@ std::vector<std::string> lines_of(Handler const& handler) {
     return lines;
 }
 
-std::vector<std::string> split(std::string const& line) {
-    std::vector<std::string> columns(1);
-    for (char const c : line) {
-        if (c == '\t') {
-            columns.emplace_back();
-        } else {
-            columns.back() += c;
-        }
-    }
-    return columns;
-}
-
 // Compares lines one by one, column by column, and stops at the first that differs.
 void expect_same_lines(std::vector<std::string> const& got,
                        std::vector<std::string> const& expected) {
@@ -207,8 +196,8 @@ void expect_same_lines(std::vector<std::string> const& got,
     for (std::size_t i = 0; i < got.size(); ++i) {
         if (got[i] == expected[i]) continue;
         SCOPED_TRACE("record " + std::to_string(i));
-        std::vector<std::string> const got_columns = split(got[i]);
-        std::vector<std::string> const expected_columns = split(expected[i]);
+        std::vector<std::string_view> const got_columns = split(got[i], '\t');
+        std::vector<std::string_view> const expected_columns = split(expected[i], '\t');
         ASSERT_EQ(got_columns.size(), expected_columns.size());
         for (std::size_t c = 0; c < got_columns.size(); ++c) {
             ASSERT_EQ(got_columns[c], expected_columns[c]) << "column " << c + 1;
@@ -281,9 +270,10 @@ std::vector<Place> places_of_lines(std::vector<std::string> const& lines,
     }
     std::vector<Place> places;
     for (std::string const& line : lines) {
-        std::vector<std::string> const columns = split(line);
-        auto const id = ids.find(columns.at(2));
-        places.emplace_back(id == ids.end() ? 0xFFFFFFFF : id->second, std::stoi(columns.at(3)));
+        std::vector<std::string_view> const columns = split(line, '\t');
+        auto const id = ids.find(std::string(columns.at(2)));
+        places.emplace_back(id == ids.end() ? 0xFFFFFFFF : id->second,
+                            std::stoi(std::string(columns.at(3))));
     }
     return places;
 }

@@ -16,6 +16,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <typeinfo>
 #include <utility>
 #include <vector>
@@ -23,6 +24,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/record_text.h"
+#include "tests/support/text.h"
 
 namespace tesk::test {
 namespace {
@@ -135,18 +137,6 @@ std::uint16_t bin_around(std::int32_t beg, std::int32_t end) {
     return 0;
 }
 
-std::vector<std::string> pieces_between_commas(std::string const& text) {
-    std::vector<std::string> pieces(1);
-    for (char const c : text) {
-        if (c == ',') {
-            pieces.emplace_back();
-        } else {
-            pieces.back() += c;
-        }
-    }
-    return pieces;
-}
-
 AuxNumericalArray read_array(std::string const& text, std::string const& field) {
     AuxNumericalArray array;
     array.type = text.empty() ? '\0' : text[0];
@@ -156,7 +146,9 @@ AuxNumericalArray read_array(std::string const& text, std::string const& field) 
                                                        {'i', 4}, {'I', 4}, {'f', 4}};
     if (WIDTHS.count(array.type) == 0) throw Refused("Invalid aux data detected: " + field);
     std::size_t const width = WIDTHS.at(array.type);
-    for (std::string const& piece : pieces_between_commas(text.substr(2))) {
+    std::string const elements = text.substr(2);
+    for (std::string_view const part : split(elements, ',')) {
+        std::string const piece(part);
         char bytes[4];
         if (array.type == 'f') {
             float const number = std::stof(piece);

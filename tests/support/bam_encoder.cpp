@@ -9,6 +9,8 @@
 #include <zlib.h>
 #include <boost/crc.hpp>
 
+#include "tests/support/text.h"
+
 namespace tesk::test {
 
 namespace {
@@ -72,16 +74,6 @@ std::uint64_t number_at(std::string_view bytes, std::size_t offset, std::size_t 
 }
 
 // --- SAM text --------------------------------------------------------------
-
-std::vector<std::string_view> split(std::string_view text, char separator) {
-    std::vector<std::string_view> parts;
-    for (;;) {
-        std::size_t const end = text.find(separator);
-        parts.push_back(text.substr(0, end));
-        if (end == std::string_view::npos) return parts;
-        text.remove_prefix(end + 1);
-    }
-}
 
 bool starts_with(std::string_view text, std::string_view prefix) {
     return text.substr(0, prefix.size()) == prefix;

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "tests/support/text.h"
+
 namespace tesk::test {
 
 namespace {
@@ -141,18 +143,6 @@ std::string optional_field_text(Reader& reader) {
     }
 }
 
-std::vector<std::string> split(std::string_view text, char separator) {
-    std::vector<std::string> parts(1);
-    for (char const c : text) {
-        if (c == separator) {
-            parts.emplace_back();
-        } else {
-            parts.back() += c;
-        }
-    }
-    return parts;
-}
-
 bool knows(std::vector<Reference> const& references, std::string const& name) {
     for (Reference const& reference : references) {
         if (reference.name == name) return true;
@@ -268,7 +258,8 @@ std::string sam_line_of_record(std::string_view record, std::vector<Reference> c
 }
 
 std::string sam_line_through_bam(std::string_view line, std::vector<Reference> const& references) {
-    std::vector<std::string> columns = split(line, '\t');
+    std::vector<std::string_view> const parts = split(line, '\t');
+    std::vector<std::string> columns(parts.begin(), parts.end());
     std::string& rname = columns.at(2);
     std::string& rnext = columns.at(6);
     std::string const& seq = columns.at(9);

@@ -12,6 +12,8 @@
 #include <system_error>
 #include <utility>
 
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/split.hpp>
 #include <gsl/util>
 
 #define ZLIB_CONST  // zlib then takes its input through pointers to const
@@ -2213,6 +2215,543 @@ bool BAMFileHandler::print_index_from_file(std::string index_file) const {
     char extra = '\0';
     if (in.read(&extra, 1)) {
         printer.print_line("Error: more bytes available in the index file!");
+    }
+    return true;
+}
+
+// ===========================================================================
+// 6. Basecaller read annotations
+//
+// Static functions that turn a basecaller's output into SAM text: the columns of
+// an unmapped read, its move table, its modified-base calls. Which positions
+// are called is decided by a mask over the read, which a BaseModContext makes
+// from motifs and, for bases without one, from the probabilities.
+// ===========================================================================
+
+namespace {
+
+using ByteView = tesk::data_wrappers::VecView<unsigned char>;
+
+constexpr std::string_view CANONICAL_BASES = "ACGT";
+
+bool is_canonical(char base) { return CANONICAL_BASES.find(base) != std::string_view::npos; }
+
+// Whether an output string is one of the inputs, which must then be read first.
+template <typename... Inputs>
+bool is_one_of_inputs(std::string const& out, Inputs const&... inputs) {
+    return ((&out == &inputs) || ...);
+}
+
+// Short texts of all byte values, at hand without formatting.
+struct ByteText {
+    char text[12];
+    std::uint8_t length;
+};
+using ByteTexts = std::array<ByteText, 256>;
+
+constexpr void append_digits(ByteText& out, unsigned value) {
+    if (value >= 100) out.text[out.length++] = static_cast<char>('0' + value / 100);
+    if (value >= 10) out.text[out.length++] = static_cast<char>('0' + value / 10 % 10);
+    out.text[out.length++] = static_cast<char>('0' + value % 10);
+}
+
+// ",0" to ",255".
+constexpr ByteTexts make_byte_texts() {
+    ByteTexts texts{};
+    for (unsigned value = 0; value < texts.size(); ++value) {
+        texts[value].text[texts[value].length++] = ',';
+        append_digits(texts[value], value);
+    }
+    return texts;
+}
+
+// Entries of a move table as numbers of seven bits: runs of 127, then the rest,
+// which is there even when it is 0.
+constexpr ByteTexts make_move_texts() {
+    constexpr unsigned RUN = 127;
+    ByteTexts texts{};
+    for (unsigned value = 0; value < texts.size(); ++value) {
+        unsigned rest = value;
+        for (; rest >= RUN; rest -= RUN) {
+            texts[value].text[texts[value].length++] = ',';
+            append_digits(texts[value], RUN);
+        }
+        texts[value].text[texts[value].length++] = ',';
+        append_digits(texts[value], rest);
+    }
+    return texts;
+}
+
+constexpr ByteTexts BYTE_TEXTS = make_byte_texts();
+constexpr ByteTexts MOVE_TEXTS = make_move_texts();
+
+// Appends many short texts to a string, gathered into larger pieces.
+class PieceWriter {
+public:
+    explicit PieceWriter(std::string& out) : out_(out) {}
+    PieceWriter(PieceWriter const&) = delete;
+    PieceWriter& operator=(PieceWriter const&) = delete;
+
+    // Adds n texts, the k-th one as the function gives it, which is by reference: a
+    // copy would be read back before it has reached memory.
+    template <typename TextOf>
+    void add_texts(std::size_t n, TextOf text_of) {
+        constexpr std::size_t ROOM = sizeof(ByteText::text);
+        for (std::size_t k = 0; k < n;) {
+            make_room(ROOM);
+            // Held in a register: to the compiler, chars written to the piece might
+            // change any member.
+            std::size_t size = size_;
+            for (; k < n && size + ROOM <= PIECE_BYTES; ++k) {
+                ByteText const& text = text_of(k);
+                std::memcpy(piece_ + size, text.text, ROOM);
+                size += text.length;
+            }
+            size_ = size;
+        }
+    }
+
+    void add_comma_and_number(std::uint64_t number) {
+        make_room(MAX_NUMBER_BYTES);
+        piece_[size_++] = ',';
+        char* const end = std::to_chars(piece_ + size_, std::end(piece_), number).ptr;
+        size_ = static_cast<std::size_t>(end - piece_);
+    }
+
+    // Adds numbers below 10, each after a comma.
+    template <std::size_t N>
+    void add_digits(std::array<unsigned char, N> const& digits) {
+        std::array<std::uint16_t, N> pairs;
+        std::transform(digits.begin(), digits.end(), pairs.begin(), [](unsigned char digit) {
+            return static_cast<std::uint16_t>(',' | ('0' + digit) << 8);
+        });
+        make_room(sizeof pairs);
+        std::memcpy(piece_ + size_, pairs.data(), sizeof pairs);
+        size_ += sizeof pairs;
+    }
+
+    // Hands over what has been gathered; to be called at the end.
+    void flush() {
+        out_.append(piece_, size_);
+        size_ = 0;
+    }
+
+private:
+    static constexpr std::size_t PIECE_BYTES = 4096;
+    static constexpr std::size_t MAX_NUMBER_BYTES = 21;  // a comma and 20 digits
+
+    void make_room(std::size_t n) {
+        if (size_ + n > PIECE_BYTES) flush();
+    }
+
+    std::string& out_;
+    char piece_[PIECE_BYTES];
+    std::size_t size_ = 0;
+};
+
+// Copies elements of a view, from the k-th on.
+template <std::size_t N>
+void copy_from(ByteView const& view, std::size_t k, std::array<unsigned char, N>& elements) {
+    if (view.stride == 1) {
+        std::memcpy(elements.data(), view.data + k, N);
+    } else {
+        for (std::size_t i = 0; i < N; ++i) elements[i] = view[k + i];
+    }
+}
+
+// Positions that loops over a read take at a time, in arrays on the stack. These
+// loops have no branches, so that the compiler makes vector code of them.
+constexpr std::size_t CHUNK_BASES = 1024;
+
+// Marks the base of a motif wherever the motif stands in a read. Deliberate: a
+// motif that ends with the read is not seen.
+template <typename Flag>
+void mark_motif(std::string_view sequence, std::string_view motif, std::size_t offset, Flag* mask) {
+    std::size_t const n_starts =
+        sequence.size() > motif.size() ? sequence.size() - motif.size() : 0;
+    for (std::size_t begin = 0; begin < n_starts; begin += CHUNK_BASES) {
+        std::size_t const n = std::min(CHUNK_BASES, n_starts - begin);
+        std::array<unsigned char, CHUNK_BASES> found;
+        std::fill_n(found.begin(), n, static_cast<unsigned char>(1));
+        for (std::size_t j = 0; j < motif.size(); ++j) {
+            char const* const bases = sequence.data() + begin + j;
+            char const letter = motif[j];
+            for (std::size_t i = 0; i < n; ++i) {
+                found[i] = static_cast<unsigned char>(found[i] & (bases[i] == letter ? 1 : 0));
+            }
+        }
+        Flag* const marks = mask + begin + offset;
+        for (std::size_t i = 0; i < n; ++i) marks[i] = static_cast<Flag>(marks[i] | found[i]);
+    }
+}
+
+// Whether a read has letters that are no bases.
+bool has_other_letters(std::string_view sequence) {
+    char const* const letters = sequence.data();
+    unsigned char all_known = 1;
+    for (std::size_t i = 0; i < sequence.size(); ++i) {
+        // A sum of bytes, each step cut to a byte, so that vectors stay of bytes.
+        unsigned char known = letters[i] == 'A' ? 1 : 0;
+        known = static_cast<unsigned char>(known + (letters[i] == 'C' ? 1 : 0));
+        known = static_cast<unsigned char>(known + (letters[i] == 'G' ? 1 : 0));
+        known = static_cast<unsigned char>(known + (letters[i] == 'T' ? 1 : 0));
+        all_known = static_cast<unsigned char>(all_known & known);
+    }
+    return all_known == 0;
+}
+
+// Marks the bases that stand in their context. Throws "map::at" where a letter
+// of the read is no base, also where no motif could match.
+template <typename Flag>
+void mark_contexts(BaseModContext const& context, std::string const& sequence, Flag* mask) {
+    if (has_other_letters(sequence)) {
+        context.motif(sequence[sequence.find_first_not_of(CANONICAL_BASES)]);
+    }
+    for (char const base : CANONICAL_BASES) {
+        std::string const& motif = context.motif(base);
+        if (!motif.empty()) mark_motif(sequence, motif, context.motif_offset(base), mask);
+    }
+}
+
+// Marks the bases without a context that have a modification channel which
+// reaches the threshold. Throws "map::at" for an alphabet that begins with a
+// modification.
+template <typename Flag>
+void mark_probable(BaseModContext const& context, std::string const& sequence,
+                   std::string const& alphabet, ByteView const& probs, unsigned char threshold,
+                   Flag* mask) {
+    std::size_t const row = alphabet.size() * probs.stride;
+    char base = '\0';
+    for (std::size_t c = 0; c < alphabet.size(); ++c) {
+        if (is_canonical(alphabet[c])) {
+            base = alphabet[c];
+            continue;
+        }
+        // Bases with a context are reported by their context alone.
+        if (!context.motif(base).empty()) continue;
+        // Local, since writing a mask of bytes might change anything else.
+        char const* const bases = sequence.data();
+        unsigned char const* const elements = probs.data;
+        std::size_t const offset = c * probs.stride;
+        std::size_t const n_bases = sequence.size();
+        for (std::size_t i = 0; i < n_bases; ++i) {
+            int const is_called =
+                (bases[i] == base ? 1 : 0) & (elements[i * row + offset] >= threshold ? 1 : 0);
+            mask[i] = is_called != 0 ? Flag{1} : mask[i];
+        }
+    }
+}
+
+// One reported base of a read.
+struct Call {
+    std::size_t position;     // in the read
+    std::uint64_t n_skipped;  // bases of its kind between the call before and it
+};
+
+// Numbers of bits set in all bytes.
+constexpr std::array<std::uint8_t, 256> BIT_COUNTS = [] {
+    std::array<std::uint8_t, 256> counts{};
+    for (std::size_t i = 1; i < counts.size(); ++i) {
+        counts[i] = static_cast<std::uint8_t>(counts[i / 2] + i % 2);
+    }
+    return counts;
+}();
+
+// Eight flags of 0 or 1 as the bits of a byte, the first flag the lowest.
+unsigned to_bits(unsigned char const* flags) {
+    std::uint64_t bytes = 0;
+    std::memcpy(&bytes, flags, sizeof bytes);
+    return static_cast<unsigned>(bytes * 0x0102040810204080U >> 56U);
+}
+
+// Finds the marked bases of one kind. Eight positions are taken at a time: the
+// marked ones by their bits, the others by counting theirs.
+std::vector<Call> find_calls(char base, std::string const& sequence,
+                             std::vector<unsigned char> const& mask) {
+    std::vector<Call> calls;
+    std::uint64_t n_bases = 0;       // of this kind, before the eight positions
+    std::uint64_t n_bases_done = 0;  // up to and with the last call
+    for (std::size_t begin = 0; begin < sequence.size(); begin += CHUNK_BASES) {
+        std::size_t const n = std::min(CHUNK_BASES, sequence.size() - begin);
+        std::array<unsigned char, CHUNK_BASES> is_base{};
+        std::array<unsigned char, CHUNK_BASES> is_called{};
+        char const* const bases = sequence.data() + begin;
+        unsigned char const* const marks = mask.data() + begin;
+        std::uint16_t n_called = 0;  // narrow, for vectors of many
+        static_assert(CHUNK_BASES <= std::numeric_limits<decltype(n_called)>::max());
+        for (std::size_t i = 0; i < n; ++i) {
+            is_base[i] = bases[i] == base ? 1 : 0;
+            is_called[i] = static_cast<unsigned char>(is_base[i] & marks[i]);
+            n_called = static_cast<std::uint16_t>(n_called + is_called[i]);
+        }
+        std::size_t next = calls.size();
+        calls.resize(next + n_called);
+        for (std::size_t i = 0; i < n; i += 8) {
+            unsigned const base_bits = to_bits(&is_base[i]);
+            for (unsigned bits = to_bits(&is_called[i]); bits != 0; bits &= bits - 1) {
+                unsigned const lowest = bits & (0 - bits);
+                std::uint64_t const n_before = n_bases + BIT_COUNTS[base_bits & (lowest - 1)];
+                calls[next++] = {begin + i + BIT_COUNTS[lowest - 1], n_before - n_bases_done};
+                n_bases_done = n_before + 1;
+            }
+            n_bases += BIT_COUNTS[base_bits];
+        }
+    }
+    return calls;
+}
+
+// The part of the Mm field that says where calls are: ",n" for each, n the bases
+// skipped before it.
+std::string skips_text(std::vector<Call> const& calls) {
+    std::string text;
+    PieceWriter writer(text);
+    for (auto call = calls.begin(); call != calls.end();) {
+        // Runs of small numbers, nearly all there are, need no formatting.
+        auto const large = std::find_if(
+            call, calls.end(), [](Call const& c) { return c.n_skipped >= BYTE_TEXTS.size(); });
+        Call const* const small = &*call;
+        writer.add_texts(
+            static_cast<std::size_t>(large - call),
+            [&](std::size_t k) -> ByteText const& { return BYTE_TEXTS[small[k].n_skipped]; });
+        call = large;
+        if (call != calls.end()) writer.add_comma_and_number((call++)->n_skipped);
+    }
+    writer.flush();
+    return text;
+}
+
+// Takes the contexts of a call from their text form, empty for none.
+BaseModContext make_context(std::string const& text) {
+    BaseModContext context;
+    if (!text.empty() && !context.decode(text)) {
+        throw std::runtime_error("Invalid base modification context string.");
+    }
+    return context;
+}
+
+}  // namespace
+
+bool BAMFileHandler::make_unmapped_sam_line(std::string& out, std::string const& read_name,
+                                            std::string const& sequence, std::string const& qstring,
+                                            std::string& error) {
+    if (sequence.size() != qstring.size()) {
+        return fail(error, "sequence and qscore do not match size!");
+    }
+    if (read_name.empty()) return fail(error, "Empty read_name string provided!");
+    if (sequence.empty()) return fail(error, "Empty sequence and qstring provided!");
+    if (is_one_of_inputs(out, read_name, sequence, qstring)) {
+        std::string line;
+        make_unmapped_sam_line(line, read_name, sequence, qstring, error);
+        out = std::move(line);
+        return true;
+    }
+
+    // FLAG 4, no RNAME, POS 0, MAPQ 0, no CIGAR, no RNEXT, PNEXT 0.
+    constexpr std::string_view UNMAPPED_COLUMNS = "\t4\t*\t0\t0\t*\t*\t0\t";
+    constexpr std::size_t MAX_TLEN_BYTES = 20;
+    out.clear();
+    out.reserve(read_name.size() + UNMAPPED_COLUMNS.size() + MAX_TLEN_BYTES + 2 +
+                2 * sequence.size());
+    out += read_name;
+    out += UNMAPPED_COLUMNS;
+    append_number(out, sequence.size());  // Deliberate: TLEN is not 0
+    out += '\t';
+    out += sequence;
+    out += '\t';
+    out += qstring;
+    return true;
+}
+
+bool BAMFileHandler::generate_move_table_string(std::string& out, ByteView const& moves,
+                                                signed char stride, std::string& error) {
+    if (moves.size == 0) {
+        return fail(error, "Zero length move table provided to generate_move_table_string");
+    }
+    out = "mv:B:c,";
+    append_number(out, int{stride});
+    PieceWriter writer(out);
+    std::size_t k = 0;
+    for (std::array<unsigned char, 32> block; moves.size - k >= block.size(); k += block.size()) {
+        copy_from(moves, k, block);
+        // Nearly all entries are 0 or 1.
+        if (*std::max_element(block.begin(), block.end()) < 10) {
+            writer.add_digits(block);
+        } else {
+            writer.add_texts(block.size(), [&](std::size_t i) -> ByteText const& {
+                return MOVE_TEXTS[block[i]];
+            });
+        }
+    }
+    writer.add_texts(moves.size - k,
+                     [&](std::size_t i) -> ByteText const& { return MOVE_TEXTS[moves[k + i]]; });
+    writer.flush();
+    return true;
+}
+
+bool BAMFileHandler::generate_modbase_string(
+    std::string& modbase_string, std::string const& sequence, std::string const& modbase_alphabet,
+    std::string const& modbase_long_names, std::string const& context,
+    ByteView const& modbase_probs, unsigned char threshold, std::string& error_message) {
+    std::size_t const n_channels = modbase_alphabet.size();
+    bool const sizes_match = n_channels == 0
+                                 ? modbase_probs.size == 0
+                                 : modbase_probs.size % n_channels == 0 &&
+                                       modbase_probs.size / n_channels == sequence.size();
+    if (!sizes_match) {
+        return fail(error_message,
+                    "Mismatch between modbase_probs size and sequence length * num channels in "
+                    "modbase_alphabet!");
+    }
+    if (is_one_of_inputs(modbase_string, sequence, modbase_alphabet, modbase_long_names, context)) {
+        std::string fields;
+        bool const done =
+            generate_modbase_string(fields, sequence, modbase_alphabet, modbase_long_names, context,
+                                    modbase_probs, threshold, error_message);
+        modbase_string = std::move(fields);
+        return done;
+    }
+
+    modbase_string = "Mm:Z:";
+    std::string probabilities = "Ml:B:C";
+    BaseModContext const contexts = make_context(context);
+    std::vector<unsigned char> mask(sequence.size(), 0);
+    mark_contexts(contexts, sequence, mask.data());
+    mark_probable(contexts, sequence, modbase_alphabet, modbase_probs, threshold, mask.data());
+
+    TextCursor names(modbase_long_names);
+    PieceWriter probability_writer(probabilities);
+    char base = '\0';
+    // All channels of a base have the same calls.
+    char called_base = '\0';
+    std::vector<Call> calls;
+    std::string skips;
+    for (std::size_t c = 0; c < n_channels; ++c) {
+        if (is_canonical(modbase_alphabet[c])) {
+            base = modbase_alphabet[c];
+            continue;
+        }
+        std::string name;
+        names.read_word(name);
+        std::string code;
+        if (!get_modbase_channel_name(code, name, error_message)) return false;
+        if (called_base != base) {
+            called_base = base;
+            calls = find_calls(base, sequence, mask);
+            skips = skips_text(calls);
+        }
+        modbase_string += base;
+        modbase_string += '+';
+        modbase_string += code;
+        // A one-letter motif is no context, but every base of its kind.
+        if (contexts.motif(base).size() > 1) modbase_string += '?';
+        modbase_string += skips;
+        modbase_string += ';';
+        probability_writer.add_texts(calls.size(), [&](std::size_t k) -> ByteText const& {
+            return BYTE_TEXTS[modbase_probs[calls[k].position * n_channels + c]];
+        });
+    }
+    probability_writer.flush();
+    modbase_string += '\t';
+    modbase_string += probabilities;
+    return true;
+}
+
+bool BAMFileHandler::generate_modbase_string(std::string& modbase_string,
+                                             std::string const& sequence,
+                                             std::string const& modbase_alphabet,
+                                             std::string const& modbase_long_names,
+                                             ByteView const& modbase_probs, unsigned char threshold,
+                                             std::string& error_message) {
+    return generate_modbase_string(modbase_string, sequence, modbase_alphabet, modbase_long_names,
+                                   std::string(), modbase_probs, threshold, error_message);
+}
+
+bool BAMFileHandler::get_modbase_channel_name(std::string& channel_code,
+                                              std::string const& long_name,
+                                              std::string& error_message) {
+    // Deliberate: 5fc, unlike its neighbours, ends in lower case.
+    static std::map<std::string, std::string> const modbase_name_map = {
+        {"6mA", "a"},   {"5mC", "m"},  {"5hmC", "h"}, {"5fc", "f"},  {"5caC", "c"},
+        {"8oxoG", "o"}, {"5hmU", "g"}, {"5fU", "e"},  {"5caU", "b"},
+    };
+    auto const found = modbase_name_map.find(long_name);
+    if (found != modbase_name_map.end()) {
+        channel_code = found->second;
+        return true;
+    }
+    if (std::all_of(long_name.begin(), long_name.end(), is_digit)) {
+        channel_code = long_name;
+        return true;
+    }
+    return fail(error_message, "Unknown modified base abbreviation: " + long_name);
+}
+
+BaseModContext::BaseModContext() {
+    for (std::size_t i = 0; i < CANONICAL_BASES.size(); ++i) base_to_index[CANONICAL_BASES[i]] = i;
+}
+
+void BaseModContext::set_context(std::string motif, std::size_t offset) {
+    auto const index = base_to_index.find(motif.at(offset));
+    if (index == base_to_index.end()) {
+        throw std::runtime_error("Invalid motif string '" + motif + "'.");
+    }
+    motifs[index->second] = std::move(motif);
+    offsets[index->second] = offset;
+}
+
+std::string const& BaseModContext::motif(char base) const { return motifs[base_to_index.at(base)]; }
+
+std::size_t BaseModContext::motif_offset(char base) const {
+    return offsets[base_to_index.at(base)];
+}
+
+std::vector<int> BaseModContext::get_sequence_mask(std::string const& sequence) const {
+    std::vector<int> mask(sequence.size(), 0);
+    mark_contexts(*this, sequence, mask.data());
+    return mask;
+}
+
+void BaseModContext::update_mask(std::vector<int>& mask, std::string const& sequence,
+                                 std::string const& modbase_alphabet, ByteView const& modbase_probs,
+                                 unsigned char threshold) const {
+    std::size_t const n_channels = modbase_alphabet.size();
+    if (n_channels == 0) return;
+    if (mask.size() < sequence.size() || modbase_probs.size / n_channels < sequence.size()) {
+        throw std::out_of_range("Mask or probabilities shorter than the sequence");
+    }
+    mark_probable(*this, sequence, modbase_alphabet, modbase_probs, threshold, mask.data());
+}
+
+std::string BaseModContext::encode() const {
+    std::string text;
+    for (std::size_t i = 0; i < motifs.size(); ++i) {
+        if (i != 0) text += ':';
+        if (motifs[i].empty()) {
+            text += '_';
+            continue;
+        }
+        std::string field = motifs[i];
+        field[offsets[i]] = 'X';
+        text += field;
+    }
+    return text;
+}
+
+bool BaseModContext::decode(std::string const& text) {
+    std::vector<std::string> fields;
+    boost::split(fields, text, boost::is_any_of(":"));
+    if (fields.size() != motifs.size()) return false;
+    for (std::size_t i = 0; i < motifs.size(); ++i) {
+        if (fields[i] == "_") {
+            motifs[i].clear();
+            offsets[i] = 0;
+            continue;
+        }
+        std::size_t const offset = fields[i].find('X');
+        if (offset == std::string::npos) return false;
+        fields[i][offset] = CANONICAL_BASES[i];
+        motifs[i] = std::move(fields[i]);
+        offsets[i] = offset;
     }
     return true;
 }

@@ -38,6 +38,7 @@
 
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -51,6 +52,8 @@
 #include <vector>
 
 #include <boost/any.hpp>
+
+#include "data_wrappers/vec_view.h"
 
 namespace tesk::util::bam {
 
@@ -638,6 +641,109 @@ public:
     ///         bin 37450 does not have two chunks; what came before is printed
     bool print_index_from_file(std::string index_file) const;
 
+    // =======================================================================
+    // 6. Basecaller read annotations
+    //
+    // Static and without state: they may run on many threads at once. Where
+    // they fail, `error` (not a handler's `error_message`) receives the text.
+    // The output string may be one of the inputs, but not `error`; its capacity
+    // is kept from call to call.
+    // =======================================================================
+
+    /// Builds the eleven columns of an unmapped SAM line, without a tab or
+    /// newline at its end.
+    ///
+    /// @param out        replaced by the line; untouched on false
+    /// @param read_name  QNAME, not empty
+    /// @param sequence   SEQ, not empty
+    /// @param qstring    QUAL as text, offset 33 included; one character a base
+    /// @param error      receives the message on false
+    ///
+    /// FLAG is 4, MAPQ 0; deliberate: TLEN is the number of bases. No character
+    /// is checked.
+    /// On false, `error` is the first that applies of
+    ///   "sequence and qscore do not match size!"
+    ///   "Empty read_name string provided!"
+    ///   "Empty sequence and qstring provided!"
+    ///
+    /// Name r1, sequence ACGT and qualities IIII give, between tabs:
+    /// r1 4 * 0 0 * * 0 4 ACGT IIII
+    static bool make_unmapped_sam_line(std::string& out, std::string const& read_name,
+                                       std::string const& sequence, std::string const& qstring,
+                                       std::string& error);
+
+    /// Builds the optional field that carries a move table: "mv:B:c,", the
+    /// stride, and every entry after a comma.
+    ///
+    /// @param out     replaced by the field, without a leading tab
+    /// @param moves   one entry per signal step; all values 0 to 255
+    /// @param stride  signal samples per step; written as it is
+    /// @param error   receives the message on false
+    ///
+    /// The field's numbers have seven bits: a value above 126 becomes as many
+    /// 127 as fit, and the rest, even if that is 0: 127 is ",127,0", 200 is
+    /// ",127,73".
+    /// On false, `out` is untouched and `error` is
+    /// "Zero length move table provided to generate_move_table_string".
+    static bool generate_move_table_string(std::string& out,
+                                           tesk::data_wrappers::VecView<unsigned char> const& moves,
+                                           signed char stride, std::string& error);
+
+    /// Builds the optional fields of modified-base calls: "Mm:Z:" with a group
+    /// for each modification channel (base, '+', code, '?' where the base has a
+    /// context of more than one letter, the number of bases of this kind skipped
+    /// before each call, ';'), a tab, and "Ml:B:C" with the probability of each
+    /// call.
+    ///
+    /// @param modbase_string      replaced by the fields, without a leading tab
+    /// @param sequence            the read: A, C, G and T alone
+    /// @param modbase_alphabet    one letter per channel: a base of "ACGT", then
+    ///                            its modifications, such as "ACmGT"
+    /// @param modbase_long_names  words: the name of each modification channel,
+    ///                            in the order of the alphabet, such as "5mC"
+    /// @param context             text form of a BaseModContext; empty for none
+    /// @param modbase_probs       probabilities, row by row: base i, channel c
+    ///                            at element i * (channels) + c; 255 is certain
+    /// @param threshold           bases without a context are reported where a
+    ///                            channel of theirs reaches it
+    /// @param error_message       receives the message on false
+    ///
+    /// All channels of a base report the same positions. Channels beyond the
+    /// names have an empty code.
+    /// On false, `error_message` is one of
+    ///   "Mismatch between modbase_probs size and sequence length * num channels in
+    ///         modbase_alphabet!"  (one line); `modbase_string` is untouched
+    ///   "Unknown modified base abbreviation: " + name
+    ///         `modbase_string` holds the groups before it
+    /// @throws std::runtime_error  "Invalid base modification context string."
+    /// @throws std::out_of_range
+    ///              "map::at": another letter in the sequence, or an alphabet
+    ///              that begins with a modification
+    static bool generate_modbase_string(
+        std::string& modbase_string, std::string const& sequence,
+        std::string const& modbase_alphabet, std::string const& modbase_long_names,
+        std::string const& context,
+        tesk::data_wrappers::VecView<unsigned char> const& modbase_probs, unsigned char threshold,
+        std::string& error_message);
+
+    /// The same without contexts.
+    static bool generate_modbase_string(
+        std::string& modbase_string, std::string const& sequence,
+        std::string const& modbase_alphabet, std::string const& modbase_long_names,
+        tesk::data_wrappers::VecView<unsigned char> const& modbase_probs, unsigned char threshold,
+        std::string& error_message);
+
+    /// Code of a modification in the Mm field by its name: 6mA a, 5mC m, 5hmC h,
+    /// 5fc f (deliberate: lower case), 5caC c, 8oxoG o, 5hmU g, 5fU e, 5caU b;
+    /// for a name of digits alone, or an empty one, the name itself.
+    ///
+    /// @param channel_code   receives the code; untouched on false
+    /// @param long_name      the name
+    /// @param error_message  on false, "Unknown modified base abbreviation: " +
+    ///                       long_name
+    static bool get_modbase_channel_name(std::string& channel_code, std::string const& long_name,
+                                         std::string& error_message);
+
 private:
     // Position in `references` of the first entry of a name, or -1, in constant
     // expected time.
@@ -653,6 +759,73 @@ private:
     // power of two. It covers the first n_references_hashed entries.
     std::vector<std::int32_t> reference_slots;
     std::size_t n_references_hashed = 0;
+};
+
+/// The sequence context in which modifications of each canonical base (A, C, G,
+/// T) are reported: a short motif that holds the base at a known offset.
+///
+/// Text form: a field for each of A, C, G and T, joined by ':'. A field is "_"
+/// for no context, else the motif with an X in the place of the base:
+/// "_:XG:_:_" is C where G follows.
+class BaseModContext {
+public:
+    /// No base has a context.
+    BaseModContext();
+
+    /// Sets the context of the base that stands at an offset of a motif.
+    ///
+    /// @param motif   letters; only the one at `offset` is checked
+    /// @param offset  of the base in the motif, from 0
+    /// @throws std::out_of_range   offset is not inside the motif
+    /// @throws std::runtime_error  "Invalid motif string '" + motif + "'.": no A,
+    ///                             C, G or T stands there
+    void set_context(std::string motif, std::size_t offset);
+
+    /// Motif of a base; empty for no context.
+    /// @throws std::out_of_range  "map::at": the letter is none of A, C, G, T
+    std::string const& motif(char base) const;
+
+    /// Offset of a base in its motif, from 0; 0 for no context.
+    /// @throws std::out_of_range  "map::at": the letter is none of A, C, G, T
+    std::size_t motif_offset(char base) const;
+
+    /// Mask of the positions whose base stands in its context: 1 for those, 0
+    /// for all others, one number a base.
+    ///
+    /// Deliberate: a motif that ends on the last base of the read does not
+    /// count, so the last base is never marked.
+    /// @throws std::out_of_range  "map::at": another letter than A, C, G, T
+    std::vector<int> get_sequence_mask(std::string const& sequence) const;
+
+    /// Marks the positions of bases without a context at which a modification
+    /// channel reaches the threshold. Marks that are there stay.
+    ///
+    /// @param mask              one number a base
+    /// @param sequence          the read
+    /// @param modbase_alphabet  one letter per channel, as generate_modbase_string()
+    ///                          takes it
+    /// @param modbase_probs     base i, channel c at element i * (channels) + c
+    /// @param threshold         least probability that is marked
+    /// @throws std::out_of_range  "map::at": the alphabet begins with a modification
+    /// @throws std::out_of_range  the mask or the view is shorter than the
+    ///                            sequence asks; nothing is changed then
+    void update_mask(std::vector<int>& mask, std::string const& sequence,
+                     std::string const& modbase_alphabet,
+                     tesk::data_wrappers::VecView<unsigned char> const& modbase_probs,
+                     unsigned char threshold) const;
+
+    /// The text form.
+    std::string encode() const;
+
+    /// Takes contexts over from their text form. False where there are not four
+    /// fields (nothing is changed then), or where a field is neither "_" nor has
+    /// an X (fields before it are taken over then).
+    bool decode(std::string const& text);
+
+private:
+    std::map<char, std::size_t> base_to_index;  // A 0, C 1, G 2, T 3
+    std::array<std::string, 4> motifs;          // by base index; empty for none
+    std::array<std::size_t, 4> offsets{};       // of the base in its motif
 };
 
 }  // namespace tesk::util::bam
