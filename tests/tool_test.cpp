@@ -2,12 +2,8 @@
 // that cannot be brought into every state from outside are called directly.
 
 #include <fcntl.h>
-#include <pty.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,9 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <random>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -31,63 +25,17 @@
 #include "tests/support/index_builder.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_file.h"
+#include "tests/support/tool_runner.h"
 #include "tools/index_check.h"
 #include "tools/message.h"
 #include "tools/output_file.h"
 #include "tools/progress.h"
 #include "tools/tool_error.h"
 
-extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leaves it to the program
-
 namespace {
 
 using namespace tesk::test;
 using Json = nlohmann::json;
-using Clock = std::chrono::steady_clock;
-
-std::string const TOOL = TESK_BAM_TOOL;
-
-ProcessResult run_tool(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), TOOL);
-    return run_process(arguments);
-}
-
-// Runs `command` in bash; "$0" is the tool, "$1" and so on are the arguments.
-ProcessResult run_shell(std::string const& command, std::vector<std::string> arguments = {}) {
-    arguments.insert(arguments.begin(), {"bash", "-c", command, TOOL});
-    return run_process(arguments);
-}
-
-void expect_done(ProcessResult const& result) {
-    EXPECT_EQ(result.exit_status, 0);
-    EXPECT_EQ(result.signal, 0);
-    EXPECT_EQ(result.errors, "");
-}
-
-// Exit status and standard error of a run that failed; it printed no result.
-void expect_failure(ProcessResult const& result, int status, std::string const& message) {
-    EXPECT_EQ(result.exit_status, status);
-    EXPECT_EQ(result.errors, "tesk-bam: " + message + "\n");
-    EXPECT_EQ(result.output, "");
-}
-
-// A message with a path for the word FILE.
-std::string with_file(std::string message, std::string const& path) {
-    std::size_t const at = message.find("FILE");
-    return at == std::string::npos ? message : message.replace(at, 4, path);
-}
-
-// Names of all files in a folder, sorted: none may be left over.
-std::vector<std::string> names_in(std::filesystem::path const& folder) {
-    std::vector<std::string> names;
-    for (auto const& entry : std::filesystem::directory_iterator(folder)) {
-        names.push_back(entry.path().filename().string());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-using Names = std::vector<std::string>;
 
 mode_t mode_of(std::string const& path) {
     struct stat status = {};
@@ -147,8 +95,6 @@ std::string expected_payload(std::vector<std::string> const& lines, std::string 
            encoded_records(lines, REFERENCES);
 }
 
-std::string payload_of(std::string const& path) { return inflate_bgzf(read_file(path)); }
-
 // SAM text large enough that a conversion takes a while.
 std::string large_sam(std::size_t n_records) {
     std::mt19937 random(20240229);  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same data each time
@@ -161,109 +107,6 @@ std::string large_sam(std::size_t n_records) {
                 std::string(60, 'I') + "\n";
     }
     return text;
-}
-
-// --- Processes that the test talks to while they run ---------------------------
-
-class Running {
-public:
-    explicit Running(std::vector<std::string> arguments, bool with_tool = true) {
-        if (with_tool) arguments.insert(arguments.begin(), TOOL);
-        std::vector<char*> argv;
-        for (std::string& argument : arguments) argv.push_back(argument.data());
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        for (int const fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-            posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_RDWR, 0);
-        }
-        // Whoever runs the tests may have signals ignored or blocked.
-        sigset_t signals;
-        posix_spawnattr_t attributes;
-        posix_spawnattr_init(&attributes);
-        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-        sigemptyset(&signals);
-        posix_spawnattr_setsigmask(&attributes, &signals);
-        sigfillset(&signals);
-        posix_spawnattr_setsigdefault(&attributes, &signals);
-        int const code = posix_spawnp(&pid_, argv[0], &actions, &attributes, argv.data(), environ);
-        posix_spawnattr_destroy(&attributes);
-        posix_spawn_file_actions_destroy(&actions);
-        if (code != 0) throw std::runtime_error("cannot start " + arguments.front());
-    }
-    ~Running() {
-        if (pid_ <= 0) return;
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, nullptr, 0);
-    }
-    Running(Running const&) = delete;
-    Running& operator=(Running const&) = delete;
-
-    void send(int signal_number) const { ::kill(pid_, signal_number); }
-
-    // Exit status, or the negated number of the signal that ended the process.
-    int wait() {
-        int status = 0;
-        ::waitpid(pid_, &status, 0);
-        pid_ = 0;
-        return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
-    }
-
-private:
-    pid_t pid_ = 0;
-};
-
-// Waits until a condition holds; false where it does not within a minute.
-bool eventually(std::function<bool()> const& condition) {
-    Clock::time_point const end = Clock::now() + std::chrono::minutes(1);
-    while (!condition()) {
-        if (Clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
-std::string make_fifo(TempDir const& dir, std::string const& name) {
-    std::string path = dir.file(name);
-    if (::mkfifo(path.c_str(), 0600) != 0) throw std::runtime_error("cannot make " + path);
-    return path;
-}
-
-bool has_temporary(std::filesystem::path const& folder) {
-    Names const names = names_in(folder);
-    return std::any_of(names.begin(), names.end(), [](std::string const& name) {
-        return name.find(".tesk-") != std::string::npos;
-    });
-}
-
-// What a function prints when its standard error is a terminal.
-std::string printed_on_terminal(std::function<void()> const& function) {
-    int terminal = -1;
-    winsize size = {};
-    size.ws_row = 25;
-    size.ws_col = 120;
-    pid_t const pid = ::forkpty(&terminal, nullptr, nullptr, &size);
-    if (pid < 0) throw std::runtime_error("cannot open a terminal");
-    if (pid == 0) {
-        function();
-        ::_exit(0);
-    }
-    std::string text;
-    char piece[4096];
-    for (ssize_t n = 0; (n = ::read(terminal, piece, sizeof piece)) > 0;) {
-        text.append(piece, static_cast<std::size_t>(n));
-    }
-    ::close(terminal);
-    ::waitpid(pid, nullptr, 0);
-    return text;
-}
-
-std::string tool_on_terminal(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), TOOL);
-    std::vector<char*> argv;
-    for (std::string& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    return printed_on_terminal([&] { ::execv(argv[0], argv.data()); });
 }
 
 // --- Help, version, wrong use --------------------------------------------------
@@ -551,6 +394,42 @@ TEST(Tool, Convert_BamToBam_ListsEachReferenceOnce) {
     expect_done(run_tool({"convert", in, out, "--index"}));
     EXPECT_EQ(payload_of(out), expected_payload(sorted_lines(), "\tSO:coordinate"));
     EXPECT_EQ(parse_bai(read_file(out + ".bai")).references.size(), 2U);
+}
+
+struct OrderCase {
+    char const* label;
+    char const* order_line;  // of the input's header
+    char const* written;     // order in the output's
+};
+
+TEST(Tool, Convert_BamToBam_KeepsTheOrderThatItsHeaderStates) {
+    constexpr OrderCase CASES[] = {
+        {"by coordinate", "@HD\tVN:1.6\tSO:coordinate\n", "\tSO:coordinate"},
+        {"by name", "@HD\tVN:1.6\tSO:queryname\n", "\tSO:queryname"},
+        {"grouped", "@HD\tVN:1.6\tGO:query\n", "\tGO:query"},
+        {"with suborder", "@HD\tVN:1.6\tSO:coordinate\tSS:coordinate:x\n", "\tSS:coordinate:x"},
+        {"unsorted", "@HD\tVN:1.6\tSO:unsorted\n", "\tSO:unknown"},
+        {"no line", "", "\tSO:unknown"},
+    };
+    std::string const lines = "@SQ\tSN:chr1\tLN:1000\n@SQ\tSN:chr2\tLN:500\n";
+    std::vector<std::string> const records = sorted_lines();
+    TempDir const dir;
+    for (OrderCase const& c : CASES) {
+        SCOPED_TRACE(c.label);
+        std::string const in =
+            dir.write("in.bam", bam_file(encode_bam_header(c.order_line + lines, REFERENCES) +
+                                         encoded_records(records, REFERENCES)));
+        std::string const out = dir.file("out.bam");
+        expect_done(run_tool({"convert", in, out}));
+        EXPECT_EQ(
+            payload_of(out),
+            encode_bam_header(std::string("@HD\tVN:1.6") + c.written + "\n" + lines, REFERENCES) +
+                encoded_records(records, REFERENCES));
+        expect_done(run_tool({"convert", in, out, "--sort"}));
+        EXPECT_EQ(payload_of(out),
+                  encode_bam_header("@HD\tVN:1.6\tSO:coordinate\n" + lines, REFERENCES) +
+                      encoded_records(records, REFERENCES));
+    }
 }
 
 TEST(Tool, Convert_BamToBam_IntegersOfEveryWidthSurvive) {
@@ -1162,37 +1041,28 @@ TEST(Tool, Signal_AtRandomMoments_OldPairOrNewPairAndNothingElse) {
     constexpr int N_RUNS = 40;
     TempDir const dir;
     std::string const in = dir.write("in.sam", large_sam(10000));
+    std::string const expected = dir.file("expected.bam");
+    expect_done(run_tool({"convert", in, expected, "--index"}));
     std::string const out = dir.file("out.bam");
     std::string const bai = out + ".bai";
-    Clock::time_point const start = Clock::now();
-    Running undisturbed({"convert", in, out, "--index"});
-    ASSERT_EQ(undisturbed.wait(), 0);
-    auto const duration =
-        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start);
-    std::string const new_bam = read_file(out);
-    std::string const new_bai = read_file(bai);
-
-    // Seeded, yet the moments differ from run to run of the machine.
-    std::mt19937 random(7);  // NOLINT(cert-msc32-c,cert-msc51-cpp)
-    std::uniform_int_distribution<std::int64_t> delay(0, duration.count() * 11 / 10);
+    auto const has = [&](std::string const& bam_bytes, std::string const& bai_bytes) {
+        return read_file(out) == bam_bytes && read_file(bai) == bai_bytes;
+    };
     int n_ended_early = 0;
-    for (int i = 0; i < N_RUNS; ++i) {
-        int const number = i % 2 == 0 ? SIGINT : SIGTERM;
-        std::chrono::microseconds const moment(delay(random));
-        SCOPED_TRACE(std::to_string(moment.count()) + " of " + std::to_string(duration.count()));
-        write_file(out, "old file");
-        write_file(bai, "old index");
-        Running tool({"convert", in, out, "--index"});
-        std::this_thread::sleep_for(moment);
-        tool.send(number);
-        int const status = tool.wait();
-        bool const old_pair = read_file(out) == "old file" && read_file(bai) == "old index";
-        bool const new_pair = read_file(out) == new_bam && read_file(bai) == new_bai;
-        EXPECT_TRUE(status == 0 || status == -number) << status;
-        EXPECT_TRUE(new_pair || (old_pair && status == -number));
-        EXPECT_EQ(names_in(dir.path()), (Names{"in.sam", "out.bam", "out.bam.bai"}));
-        if (old_pair) ++n_ended_early;
-    }
+    interrupt_at_random(
+        {"convert", in, out, "--index"}, N_RUNS,
+        [&] {
+            write_file(out, "old file");
+            write_file(bai, "old index");
+        },
+        [&](int status, int signal_number) {
+            bool const old_pair = has("old file", "old index");
+            bool const new_pair = has(read_file(expected), read_file(expected + ".bai"));
+            EXPECT_TRUE(new_pair || (old_pair && status == -signal_number));
+            EXPECT_EQ(names_in(dir.path()), (Names{"expected.bam", "expected.bam.bai", "in.sam",
+                                                   "out.bam", "out.bam.bai"}));
+            if (old_pair) ++n_ended_early;
+        });
     EXPECT_GT(n_ended_early, 0);
 }
 

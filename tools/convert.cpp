@@ -1,10 +1,7 @@
 #include "tools/convert.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstddef>
-#include <exception>
 #include <optional>
 #include <string_view>
 #include <tuple>
@@ -15,6 +12,7 @@
 #include "tools/message.h"
 #include "tools/output_file.h"
 #include "tools/progress.h"
+#include "tools/store.h"
 #include "tools/text_sink.h"
 #include "tools/tool_error.h"
 #include "util/bam/bam_file.h"
@@ -40,19 +38,14 @@ struct Plan {
 
 Plan plan_of(ConvertOptions const& options) {
     if (options.in == "-") throw UsageError("standard input cannot be read: name a file");
-    bool const to_standard_output = options.out == "-";
-    std::string const to = to_standard_output && options.to.empty() ? "sam" : options.to;
     Plan plan = {options.in,
                  options.out,
                  kind_of(options.in, options.from, "--from"),
-                 kind_of(options.out, to, "--to"),
-                 to_standard_output,
+                 kind_of_output(options.out, options.to),
+                 options.out == "-",
                  options.sort || options.index,
                  options.index,
                  options.quiet};
-    if (to_standard_output && plan.to == FileKind::BAM) {
-        throw UsageError("BAM cannot be written to standard output: name a file");
-    }
     if (plan.index && plan.to == FileKind::SAM) {
         throw UsageError("--index goes with BAM output only");
     }
@@ -105,33 +98,29 @@ auto place_of(BamRecord const& record) {
                     record.next_pos, record.tlen, record.l_seq);
 }
 
-void add_line(BAMFileHandler& target, std::string const& in, std::size_t number, BamRecord source) {
-    std::string const record = in + ": record " + std::to_string(number);
-    bool done = false;
-    try {
-        done = target.add_alignment_sam(std::move(source.sam_line));
-    } catch (std::exception const& e) {
-        throw ToolError(record + ": " + e.what());
-    }
-    if (!done) throw ToolError(record + ": " + target.error_message);
-    if (place_of(target.records.back()) != place_of(source)) {
-        throw ToolError(record + " does not survive the way through SAM text: " +
-                        target.records.back().sam_line);
-    }
+void take_over(BAMFileHandler& target, std::string const& in, std::size_t number,
+               BamRecord source) {
+    auto const name = [&] { return in + ": record " + std::to_string(number); };
+    add_line(target, std::move(source.sam_line), name);
+    if (place_of(target.records.back()) == place_of(source)) return;
+    throw ToolError(
+        name() + " does not survive the way through SAM text: " + target.records.back().sam_line);
 }
 
 // A handler filled from SAM text alone. Written by it, a BAM file lists each
 // reference once, and integers have a width that the BAM writer takes: neither
 // holds for a handler filled from BAM. The source's records go as they are
-// taken over, so that memory holds each only once.
+// taken over, so that memory holds each only once; as they keep their order, what
+// the source says of it holds for the target, too.
 void refill_from_text(BAMFileHandler& source, std::string const& in, BAMFileHandler& target,
                       Progress& progress) {
     progress.stage("preparing " + count_of_records(source));
     call_library(target, in, [&] { return target.add_header_lines(source.header); });
     target.records.reserve(source.records.size());
     for (std::size_t i = 0; i < source.records.size(); ++i) {
-        add_line(target, in, i + 1, std::exchange(source.records[i], BamRecord()));
+        take_over(target, in, i + 1, std::exchange(source.records[i], BamRecord()));
     }
+    target.has_sort_order = source.has_sort_order;
     source.reset();
 }
 
@@ -162,16 +151,6 @@ void write_sam(BAMFileHandler const& alignments, bool sorted, TextSink sink) {
     sink.finish();
 }
 
-void write_bam(BAMFileHandler& alignments, Plan const& plan, OutputFile const& output) {
-    std::string const& path = output.write_path();
-    try {
-        call_library(alignments, plan.out,
-                     [&] { return alignments.write_to_bam_file(path, plan.index); });
-    } catch (ToolError const& e) {
-        throw ToolError(output.in_own_names(e.what()));
-    }
-}
-
 void check_written_index(BAMFileHandler const& alignments, Plan const& plan,
                          OutputFile const& output) {
     try {
@@ -187,7 +166,7 @@ void write_file(BAMFileHandler& alignments, Plan const& plan, OutputFile& output
     if (plan.to == FileKind::SAM) {
         write_sam(alignments, plan.sort, TextSink(output.descriptor(), plan.out));
     } else {
-        write_bam(alignments, plan, output);
+        write_bam(alignments, plan.out, plan.index, output);
     }
     if (plan.index) {
         progress.stage("checking the index");
@@ -222,18 +201,10 @@ void note_lost_references(BAMFileHandler const& alignments, Plan const& plan) {
                   " has them without one");
 }
 
-void note_old_index(Plan const& plan) {
-    struct stat status = {};
-    std::string const index = plan.out + ".bai";
-    if (::stat(index.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return;
-    print_message("note: " + index + " is older than " + plan.out +
-                  " and belongs to another file; --index makes it anew");
-}
-
 void print_notes(BAMFileHandler const& alignments, Plan const& plan) {
     if (plan.quiet || plan.to == FileKind::SAM) return;
     if (plan.from == FileKind::SAM) note_lost_references(alignments, plan);
-    if (!plan.index) note_old_index(plan);
+    if (!plan.index) note_old_index(plan.out, "; --index makes it anew");
 }
 
 }  // namespace

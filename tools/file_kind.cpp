@@ -27,4 +27,10 @@ FileKind kind_of(std::string const& path, std::string const& wanted, std::string
                      " sam or " + option + " bam");
 }
 
+FileKind kind_of_output(std::string const& path, std::string const& wanted) {
+    if (path != "-") return kind_of(path, wanted, "--to");
+    if (wanted != "bam") return FileKind::SAM;
+    throw UsageError("BAM cannot be written to standard output: name a file");
+}
+
 }  // namespace tesk::tool

@@ -19,4 +19,10 @@ char const* kind_name(FileKind kind);
 /// @throws UsageError  neither tells
 FileKind kind_of(std::string const& path, std::string const& wanted, std::string const& option);
 
+/// The kind of an output file, which may be "-": standard output, SAM then.
+///
+/// @param wanted  what the option --to says, or empty
+/// @throws UsageError  neither tells, or it would be BAM on standard output
+FileKind kind_of_output(std::string const& path, std::string const& wanted);
+
 }  // namespace tesk::tool

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <exception>
 #include <string>
+#include <utility>
 
 #include "tools/file_kind.h"
 #include "tools/tool_error.h"
@@ -27,6 +28,21 @@ void call_library(util::bam::BAMFileHandler const& handler, std::string const& f
         throw ToolError(file + ": " + e.what());
     }
     if (!done) throw ToolError(handler.error_message);
+}
+
+/// Adds a SAM line to a handler; a refusal or an exception becomes a ToolError.
+///
+/// @param place  a function that says where the line comes from; the message
+///               begins with that
+template <typename Place>
+void add_line(util::bam::BAMFileHandler& handler, std::string line, Place place) {
+    bool done = false;
+    try {
+        done = handler.add_alignment_sam(std::move(line));
+    } catch (std::exception const& e) {
+        throw ToolError(place() + ": " + e.what());
+    }
+    if (!done) throw ToolError(place() + ": " + handler.error_message);
 }
 
 /// Reads a file into a handler.

@@ -11,17 +11,23 @@
 
 #include <CLI/CLI.hpp>
 
+#include "tools/annotate.h"
 #include "tools/convert.h"
 #include "tools/dump_index.h"
+#include "tools/import.h"
 #include "tools/info.h"
 #include "tools/message.h"
 #include "tools/tool_error.h"
+#include "tools/unmapped_reads.h"
 
 namespace {
 
+using tesk::tool::AnnotateOptions;
 using tesk::tool::ConvertOptions;
 using tesk::tool::DumpIndexOptions;
+using tesk::tool::ImportOptions;
 using tesk::tool::InfoOptions;
+using tesk::tool::ReadsOptions;
 
 // Exit status.
 constexpr int DONE = 0;
@@ -80,6 +86,42 @@ void add_info(CLI::App& app, InfoOptions& options) {
     command->final_callback([&options] { tesk::tool::info(options); });
 }
 
+// What the commands that make records out of reads have in common.
+void add_reads_options(CLI::App& command, ReadsOptions& options, std::string const& input) {
+    command.add_option("READS", options.in, input + ", or - for standard input; may be gzip data")
+        ->required()
+        ->type_name("");
+    command
+        .add_option("OUT", options.out, "SAM or BAM file to write, or - for SAM on standard output")
+        ->required()
+        ->type_name("");
+    add_kind(command, "--to", options.to, "Format of OUT (default: by its ending)");
+    command.add_flag("--quiet", options.quiet, QUIET_HELP);
+}
+
+void add_import(CLI::App& app, ImportOptions& options) {
+    CLI::App* const command =
+        app.add_subcommand("import", "Make unmapped records of the reads of a FASTQ file");
+    add_reads_options(*command, options.reads, "FASTQ file to read");
+    command->add_flag("--keep-comments", options.keep_comments,
+                      "Keep the SAM fields that stand after the reads' names");
+    command->footer(
+        "Example: a BAM file of unmapped reads\n"
+        "  tesk-bam import reads.fastq.gz reads.bam");
+    command->final_callback([&options] { tesk::tool::import_reads(options); });
+}
+
+void add_annotate(CLI::App& app, AnnotateOptions& options) {
+    CLI::App* const command = app.add_subcommand(
+        "annotate", "Make unmapped records of reads with move tables and modified bases");
+    add_reads_options(*command, options.reads, "File to read, a JSON object a line");
+    command->footer(
+        "Example: one read, and the move table with which it was called\n"
+        "  echo '{\"name\": \"r1\", \"sequence\": \"ACG\", \"qualities\": \"III\","
+        " \"stride\": 5, \"moves\": [1, 0, 1, 1]}' | tesk-bam annotate - reads.bam");
+    command->final_callback([&options] { tesk::tool::annotate_reads(options); });
+}
+
 // Help and version are results; all else that stops the parser is wrong use.
 int report_parse_error(CLI::App const& app, CLI::ParseError const& error) {
     if (error.get_exit_code() == 0) {
@@ -106,9 +148,13 @@ int run(int argc, char const* const* argv) {
     ConvertOptions convert_options;
     DumpIndexOptions dump_index_options;
     InfoOptions info_options;
+    ImportOptions import_options;
+    AnnotateOptions annotate_options;
     add_convert(app, convert_options);
     add_dump_index(app, dump_index_options);
     add_info(app, info_options);
+    add_import(app, import_options);
+    add_annotate(app, annotate_options);
     try {
         app.parse(argc, argv);
         return DONE;

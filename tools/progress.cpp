@@ -95,7 +95,11 @@ Progress::Progress(bool wanted) {
 Progress::~Progress() { finish(); }
 
 void Progress::reading(std::string const& path) {
-    enter({Stage::Kind::READING, "reading " + file_name(path), canonical(path)});
+    if (path == "-") {
+        enter({Stage::Kind::READING, "reading standard input", {}});
+    } else {
+        enter({Stage::Kind::READING, "reading " + file_name(path), canonical(path)});
+    }
 }
 
 void Progress::writing(std::string const& path, std::string const& written) {
@@ -135,10 +139,14 @@ void Progress::draw() {
     print("\r" + line + "\033[K");
 }
 
-std::string Progress::line_of(Stage& stage) {
+std::string Progress::line_of(Stage& stage) const {
     if (stage.kind == Stage::Kind::TEXT) return stage.text;
     std::optional<std::uint64_t> const size = size_of(stage.file);
-    if (!size) return stage.text;
+    if (!size) {
+        std::uint64_t const told = bytes_read_.load(std::memory_order_relaxed);
+        bool const counted = stage.kind == Stage::Kind::READING && told != 0;
+        return stage.text + (counted ? "  " + megabytes(told) + " MB" : "");
+    }
     if (stage.kind == Stage::Kind::WRITING) return stage.text + "  " + megabytes(*size) + " MB";
 
     std::optional<std::uint64_t> const offset = offset_in(stage.file);

@@ -2,7 +2,9 @@
 
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -15,7 +17,8 @@ namespace tesk::tool {
 ///
 /// The library's calls do not say how far they are. So a thread of this class
 /// watches from outside: how far the process has got in the file it reads, and
-/// how large the file is that it writes. It looks at nothing else.
+/// how large the file is that it writes. Only how much came out of a pipe cannot
+/// be seen from outside; who reads it tells.
 class Progress {
 public:
     /// @param wanted  false: nothing is ever shown
@@ -26,8 +29,15 @@ public:
     Progress(Progress const&) = delete;
     Progress& operator=(Progress const&) = delete;
 
-    /// From now on: "reading <file>  37% (12.3 of 33.1 MB)".
+    /// From now on: "reading <file>  37% (12.3 of 33.1 MB)"; of what has no size,
+    /// such as a pipe, "reading <file>  12.3 MB" where advance() tells.
+    /// @param path  "-" is standard input
     void reading(std::string const& path);
+
+    /// Tells how many bytes have been read, for input without a size.
+    void advance(std::uint64_t bytes_read) {
+        bytes_read_.store(bytes_read, std::memory_order_relaxed);
+    }
 
     /// From now on: "writing <file>  12.3 MB".
     /// @param path     the file as the user named it
@@ -51,8 +61,9 @@ private:
     void enter(Stage stage);
     void watch();
     void draw();
-    static std::string line_of(Stage& stage);
+    std::string line_of(Stage& stage) const;
 
+    std::atomic<std::uint64_t> bytes_read_{0};
     std::mutex mutex_;  // guards everything below
     std::condition_variable changed_;
     std::optional<Stage> stage_;  // empty: nothing to show

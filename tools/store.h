@@ -1,0 +1,26 @@
+// Writing BAM files.
+
+#pragma once
+
+#include <string>
+
+#include "tools/output_file.h"
+#include "util/bam/bam_file.h"
+
+namespace tesk::tool {
+
+/// Writes a BAM file under its temporary name.
+///
+/// @param path   the output as the user named it
+/// @param index  whether its index is written, too
+/// @throws ToolError  the library's message, in the user's names
+void write_bam(util::bam::BAMFileHandler& alignments, std::string const& path, bool index,
+               OutputFile const& output);
+
+/// Tells of an index that a BAM file now has beside it but that is not its own.
+///
+/// @param path    the BAM file
+/// @param advice  the message's last words
+void note_old_index(std::string const& path, std::string const& advice);
+
+}  // namespace tesk::tool
