@@ -96,6 +96,15 @@ bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
+// Whether any of eight bytes is a blank or a control character.
+bool has_blank_or_control(char const* bytes) {
+    constexpr std::uint64_t EACH = 0x0101010101010101U;
+    std::uint64_t eight = 0;
+    std::memcpy(&eight, bytes, sizeof eight);
+    // A byte below '!' borrows from its highest bit, unless it has that bit.
+    return ((eight - EACH * '!') & ~eight & (EACH * 0x80)) != 0;
+}
+
 // Reads words and numbers out of a text with the results of formatted stream
 // extraction in the classic locale: a read that fails makes all later ones
 // fail, and the end counts as seen once a read has run into it.
@@ -109,6 +118,7 @@ public:
     bool read_word(std::string_view& word) {
         if (!skip_space()) return false;
         char const* const begin = next_;
+        while (end_ - next_ >= 8 && !has_blank_or_control(next_)) next_ += 8;
         while (next_ != end_ && !is_space(*next_)) ++next_;
         saw_end_ = next_ == end_;
         word = std::string_view(begin, static_cast<std::size_t>(next_ - begin));
@@ -427,6 +437,18 @@ bool pack_cigar(std::string_view text, BamRecord& record, unsigned long& ref_len
     return pack_cigar(placeholder, record, placeholder_ref_len, 0, op_codes, error);
 }
 
+// Packs pairs of bases; false where one is not in the constant table.
+bool pack_known_pairs(char const* bases, std::size_t n_pairs, std::uint8_t* packed) {
+    int unknown = 0;
+    for (std::size_t k = 0; k < n_pairs; ++k) {
+        int const high = SEQ_TABLE[static_cast<unsigned char>(bases[2 * k])];
+        int const low = SEQ_TABLE[static_cast<unsigned char>(bases[2 * k + 1])];
+        unknown |= high | low;
+        packed[k] = static_cast<std::uint8_t>(high * 16 + low);
+    }
+    return unknown >= 0;
+}
+
 bool pack_seq(std::string_view text, BamRecord& record, std::map<char, std::int32_t> const& codes,
               std::string& error) {
     if (text == "*") return true;
@@ -436,7 +458,8 @@ bool pack_seq(std::string_view text, BamRecord& record, std::map<char, std::int3
     record.l_seq = static_cast<std::int32_t>(text.size());
     record.seq.resize((text.size() + 1) / 2);
     std::size_t const n_pairs = text.size() / 2;
-    for (std::size_t k = 0; k < n_pairs; ++k) {
+    bool const done = pack_known_pairs(text.data(), n_pairs, record.seq.data());
+    for (std::size_t k = 0; k < n_pairs && !done; ++k) {
         // An unknown base, -1, is the largest of numbers without a sign.
         auto const high = static_cast<std::uint32_t>(code_of(text[2 * k], SEQ_TABLE, codes));
         auto const low = static_cast<std::uint32_t>(code_of(text[2 * k + 1], SEQ_TABLE, codes));
@@ -558,6 +581,56 @@ bool parse_optional_field(std::string_view field, std::vector<AuxData>& aux_data
     return true;
 }
 
+// Both letters of a byte of packed bases.
+constexpr auto BASE_PAIRS = [] {
+    std::array<std::array<char, 2>, 256> pairs{};
+    for (std::size_t byte = 0; byte < pairs.size(); ++byte) {
+        pairs[byte] = {SEQ_CODES[byte >> 4U], SEQ_CODES[byte & 0xFU]};
+    }
+    return pairs;
+}();
+
+// Number of bases of a record, all of which it holds.
+std::size_t n_bases_of(BamRecord const& record) {
+    auto const n_bases = static_cast<std::size_t>(record.l_seq);
+    if (n_bases / 2 + n_bases % 2 > record.seq.size()) {
+        throw std::out_of_range("Record holds fewer bases than its l_seq");
+    }
+    return n_bases;
+}
+
+// Number of qualities of a record, all of which it holds; 0 for QUAL "*", which
+// the first score alone decides.
+std::size_t n_qualities_of(BamRecord const& record) {
+    if (record.l_seq == 0 || record.qual.at(0) == MISSING_QUAL) return 0;
+    auto const n_bases = static_cast<std::size_t>(record.l_seq);
+    if (n_bases > record.qual.size()) {
+        throw std::out_of_range("Record holds fewer qualities than its l_seq");
+    }
+    return n_bases;
+}
+
+void append_bases(std::string& out, BamRecord const& record, std::size_t n_bases) {
+    std::size_t const old_size = out.size();
+    out.resize(old_size + n_bases);
+    char* const letters = out.data() + old_size;
+    std::uint8_t const* const packed = record.seq.data();
+    for (std::size_t k = 0; k < n_bases / 2; ++k) {
+        std::memcpy(letters + 2 * k, BASE_PAIRS[packed[k]].data(), 2);
+    }
+    if (n_bases % 2 != 0) letters[n_bases - 1] = BASE_PAIRS[packed[n_bases / 2]][0];
+}
+
+void append_qualities(std::string& out, BamRecord const& record, std::size_t n_qualities) {
+    std::size_t const old_size = out.size();
+    out.resize(old_size + n_qualities);
+    char* const text = out.data() + old_size;
+    char const* const scores = record.qual.data();
+    for (std::size_t i = 0; i < n_qualities; ++i) {
+        text[i] = static_cast<char>(scores[i] + PHRED_OFFSET);
+    }
+}
+
 // Appends packed operations as text.
 void append_cigar(std::string& out, std::uint32_t const* ops, std::size_t n_ops) {
     out.reserve(out.size() + 3 * n_ops);
@@ -645,6 +718,9 @@ bool append_aux_value(std::string& out, AuxData const& field) {
         default: return false;
     }
 }
+
+// Room for the columns of a line that are short, a first guess.
+constexpr std::size_t OTHER_COLUMNS_BYTES = 128;
 
 // Whether a field holds the operations that a placeholder CIGAR stands for.
 bool holds_long_cigar(AuxData const& field) { return field.tag == "CG" && field.type == 'B'; }
@@ -822,17 +898,7 @@ bool BAMFileHandler::unpack_seq_string(BamRecord const& record, std::string& out
         out = "*";
         return true;
     }
-    auto const n_bases = static_cast<std::size_t>(record.l_seq);
-    if (n_bases / 2 + n_bases % 2 > record.seq.size()) {
-        throw std::out_of_range("Record holds fewer bases than its l_seq");
-    }
-    std::size_t base = out.size();
-    out.resize(base + n_bases);
-    for (std::size_t k = 0; k < n_bases / 2; ++k) {
-        out[base++] = SEQ_CODES[record.seq[k] >> 4U];
-        out[base++] = SEQ_CODES[record.seq[k] & 0xFU];
-    }
-    if (n_bases % 2 != 0) out[base] = SEQ_CODES[record.seq[n_bases / 2] >> 4U];
+    append_bases(out, record, n_bases_of(record));
     return true;
 }
 
@@ -842,18 +908,10 @@ bool BAMFileHandler::pack_phred_string(std::string const& text, BamRecord& recor
 }
 
 bool BAMFileHandler::unpack_phred_string(BamRecord const& record, std::string& out) {
-    // The first score alone decides whether there are any.
-    if (record.l_seq == 0 || record.qual.at(0) == MISSING_QUAL) {
-        out = "*";
-        return true;
-    }
-    auto const n_bases = static_cast<std::size_t>(record.l_seq);
-    if (n_bases > record.qual.size()) {
-        throw std::out_of_range("Record holds fewer qualities than its l_seq");
-    }
-    out.resize(n_bases);
-    std::transform(record.qual.begin(), record.qual.begin() + record.l_seq, out.begin(),
-                   [](char score) { return static_cast<char>(score + PHRED_OFFSET); });
+    std::size_t const n_qualities = n_qualities_of(record);
+    out.clear();
+    append_qualities(out, record, n_qualities);
+    if (n_qualities == 0) out = "*";
     return true;
 }
 
@@ -877,13 +935,12 @@ bool BAMFileHandler::update_sam_line(BamRecord& record) {
     // Deliberate: names are compared, not IDs.
     if (rnext != "*" && rnext == rname) rnext = "=";
 
-    std::string seq;
-    std::string qual;
-    unpack_seq_string(record, seq);
-    unpack_phred_string(record, qual);
+    std::size_t const n_bases = n_bases_of(record);
+    std::size_t const n_qualities = n_qualities_of(record);
 
     std::string& line = record.sam_line;
     line.clear();
+    line.reserve(record.read_name.size() + cigar.size() + 2 * n_bases + OTHER_COLUMNS_BYTES);
     auto const add_text = [&line](std::string_view text) { (line += text) += '\t'; };
     auto const add_number = [&line](std::int32_t number) {
         append_number(line, number);
@@ -898,8 +955,10 @@ bool BAMFileHandler::update_sam_line(BamRecord& record) {
     add_text(rnext);
     add_number(wrapping_add(record.next_pos, 1));
     add_number(record.tlen);
-    add_text(seq);
-    add_text(qual);
+    append_bases(line, record, n_bases);
+    add_text(n_bases == 0 ? "*" : "");
+    append_qualities(line, record, n_qualities);
+    add_text(n_qualities == 0 ? "*" : "");
     for (AuxData const& field : record.aux_data) {
         if (placeholder && holds_long_cigar(field)) continue;
         line += field.tag;
@@ -1441,11 +1500,15 @@ public:
                     "BGZF block did not unzip correctly in file " + file_name_ + " : " + reason);
     }
 
+    // Bytes of the file that the blocks so far have taken.
+    std::streamoff bytes_read() const { return bytes_read_; }
+
 private:
     void read_bytes(char* bytes, std::size_t n) {
         in_.read(bytes, static_cast<std::streamsize>(n));
         auto const n_read = static_cast<std::size_t>(in_.gcount());
         std::memset(bytes + n_read, 0, n - n_read);
+        bytes_read_ += in_.gcount();
     }
 
     static std::uint16_t u16_at(char const* bytes, std::size_t offset) {
@@ -1457,6 +1520,7 @@ private:
     std::ifstream& in_;
     std::string const& file_name_;
     std::string& error_;
+    std::streamoff bytes_read_ = 0;
     Inflater inflater_;
     std::vector<char> cdata_ = std::vector<char>(MAX_BLOCK_BYTES);
 };
@@ -1847,8 +1911,8 @@ bool BAMFileHandler::read_from_bam_file(std::string const& path) {
     std::vector<char> payload;
     bool saw_empty_block = false;
     BlockReader blocks(in, file_name, error_message);
-    for (std::streamoff position = in.tellg(); position != file_size && position != -1;
-         position = in.tellg()) {
+    // A stream that has failed has no position.
+    while (in && blocks.bytes_read() != file_size) {
         std::size_t const old_size = payload.size();
         if (!blocks.read(payload)) return false;
         // Deliberate: an empty block anywhere will do.
