@@ -515,7 +515,7 @@ TEST(ModContext, SequenceMask_MarksTheBasesThatStandInTheirContext) {
     }
 }
 
-TEST(ModContext, SequenceMask_MotifOfThousandsOfLetters) {
+TEST(ModContext, SequenceMask_MotifOfThousandsOfLetters_IsFoundWhereItStands) {
     BaseModContext context;
     context.set_context(std::string(1500, 'C'), 700);
     Mask expected(3000, 0);
@@ -801,7 +801,7 @@ TEST(ModContext, Decode_FieldWithoutX_FalseAndFieldsBeforeItAreTakenOver) {
     EXPECT_EQ(contexts_text(context), NO_CONTEXTS) << "offsets go with the motifs";
 }
 
-TEST(ModContext, DecodeOfEncode_SameContextsAgain) {
+TEST(ModContext, Decode_TextOfEncode_GivesTheSameContexts) {
     BaseModContext context;
     context.set_context("CCAGG", 2);
     context.set_context("TTC", 2);
@@ -960,7 +960,7 @@ TEST(ModifiedBases, SkipCounter_CountsBasesOfTheKindAlone) {
               success("Mm:Z:C+m,0,3;\tMl:B:C,128,129"));
 }
 
-TEST(ModifiedBases, SkipCounter_OfAnySize) {
+TEST(ModifiedBases, SkipCounter_OfOneToFiveDigits_IsWrittenWhole) {
     for (std::size_t const n :
          {9U, 10U, 99U, 100U, 255U, 256U, 257U, 999U, 65535U, 65536U, 70000U}) {
         SCOPED_TRACE(n);
@@ -1050,7 +1050,7 @@ TEST(ModifiedBases, EveryName_GivesItsCode) {
     EXPECT_EQ(c_calls("C").names("123").run(), success("Mm:Z:C+123;\tMl:B:C"));
 }
 
-TEST(ModifiedBases, Threshold_BelowAtAndAbove) {
+TEST(ModifiedBases, Threshold_ProbabilityBelowAtAndAbove_DecidesTheCall) {
     for (int const threshold : {1, 2, 100, 127, 128, 129, 254}) {
         SCOPED_TRACE(threshold);
         EXPECT_EQ(c_calls("CCC")
@@ -1811,7 +1811,7 @@ TEST(AnnotationReaders, ModifiedBasesThatAreWrong_Refused) {
     EXPECT_NO_THROW((void)read_modified_bases("Mm:Z:C+m,2;\tMl:B:C,255", "CCC"));
 }
 
-TEST(AnnotationReaders, MoveTable_MovesByHand) {
+TEST(AnnotationReaders, MoveTable_TextMadeByHand_GivesItsMoves) {
     EXPECT_EQ(read_move_table("mv:B:c,-128,1,127,0,127,127,1,126"),
               (MoveTable{-128, {1, 127, 255, 126}}));
     EXPECT_EQ(read_move_table("x\tmv:B:c,127\ty"), (MoveTable{127, {}}));

@@ -100,9 +100,7 @@ constexpr RefusedCase REFUSED_CASES[] = {
      "@HD\tVN:1.6\tSO:unknown\tpb:5.0.0",
      0},
     {"header_rg_old.bam", Refusal::MESSAGE,
-     "Unsupported '@RG' line encountered in @HD header line with VN < 1.3: "
-     "@RG\tID:NA12878D_HiSeqX_R1.fastq.gz\tPL:ILLUMINA\tPU:None\tLB:1\tSM:1",
-     0},
+     "Unsupported '@RG' line encountered in @HD header line with VN < 1.3: FIRST_RG_LINE", 0},
     {"no_eof_block.bam", Refusal::MESSAGE,
      "Final BGZF block was not the EOF sequence as expected in file PATH. Perhaps the file is "
      "corrupt?",
@@ -203,6 +201,22 @@ void expect_same_lines(std::vector<std::string> const& got,
             ASSERT_EQ(got_columns[c], expected_columns[c]) << "column " << c + 1;
         }
     }
+}
+
+// A text with a word of it replaced wherever it stands.
+std::string with(std::string text, std::string const& word, std::string const& replacement) {
+    for (std::size_t at = 0; (at = text.find(word, at)) != std::string::npos;) {
+        text.replace(at, word.size(), replacement);
+        at += replacement.size();
+    }
+    return text;
+}
+
+// The first @RG line of a BAM file's header text.
+std::string first_rg_line(std::string const& bam) {
+    std::string const payload = inflate_bgzf(read_file(bam));
+    std::size_t const begin = payload.find("@RG\t");
+    return payload.substr(begin, payload.find('\n', begin) - begin);
 }
 
 void expect_same_bytes(std::string const& got, std::string const& expected) {
@@ -508,10 +522,9 @@ TEST_P(RealRefused, File_Read_IsRefusedAsExpected) {
     };
     switch (c.refusal) {
         case Refusal::MESSAGE: {
-            std::string expected = c.message;
-            for (std::size_t at = 0; (at = expected.find("PATH", at)) != std::string::npos;) {
-                expected.replace(at, 4, path);
-                at += path.size();
+            std::string expected = with(c.message, "PATH", path);
+            if (expected.find("FIRST_RG_LINE") != std::string::npos) {
+                expected = with(expected, "FIRST_RG_LINE", first_rg_line(path));
             }
             EXPECT_FALSE(read());
             EXPECT_EQ(handler.error_message, expected);

@@ -2438,6 +2438,8 @@ void mark_motif(std::string_view sequence, std::string_view motif, std::size_t o
         std::array<unsigned char, CHUNK_BASES> found;
         std::fill_n(found.begin(), n, static_cast<unsigned char>(1));
         for (std::size_t j = 0; j < motif.size(); ++j) {
+            // Long motifs are given up where nothing begins like them.
+            if (std::memchr(found.data(), 1, n) == nullptr) break;
             char const* const bases = sequence.data() + begin + j;
             char const letter = motif[j];
             for (std::size_t i = 0; i < n; ++i) {

@@ -424,8 +424,9 @@ public:
     /// @param data  `size` bytes
     /// @param size  at most 65,536
     /// @return      a raw deflate stream of at most 65,536 bytes. Where it would
-    ///              be longer: as many zero bytes as were produced, with
-    ///              `error_message` set. Empty after the other failures
+    ///              be longer, or cannot be ended: as many zero bytes as were
+    ///              produced, with `error_message` set. Empty after the first two
+    ///              failures
     ///
     /// `error_message` after a failure:
     ///   "Arguments to compress_data incorrect"  null data, or size above 65,536
@@ -445,7 +446,7 @@ public:
     ///   "Arguments to decompress_data incorrect"  null data, or a size too large
     ///   "Could not initialize stream inflate"
     ///   "Inflate failed with error code " + zlib's code
-    ///         the stream goes on after the last expected byte
+    ///         the stream does not end after the last expected byte
     ///   "Inflate did not produce expected amount of data"
     ///         the stream ends, or is damaged, before it
     std::vector<char> decompress_data(char const* data, unsigned int compressed_size,
@@ -512,7 +513,8 @@ public:
 
     /// Replaces everything held by the contents of a BAM file.
     ///
-    /// The whole file is inflated into memory. Deliberate: `references` lists
+    /// The whole file is inflated into memory, and every record's SAM line repeats
+    /// the names of its references. Deliberate: `references` lists
     /// the @SQ lines of the header text, then the file's binary list, so each
     /// reference twice in most files; one empty block anywhere passes as the
     /// end-of-file block; files of 2 GiB or more are not read.
@@ -579,9 +581,8 @@ public:
     struct ReferenceIndex {
         std::uint64_t n_mapped = 0;    // placed records without flag bit 4
         std::uint64_t n_unmapped = 0;  // placed records with it
+        // virtual offset of the first chunk; all ones: none yet
         std::uint64_t ref_beg = std::numeric_limits<std::uint64_t>::max();
-        // virtual offset of the first chunk; all
-        // ones: none yet
         std::uint64_t ref_end = 0;               // largest virtual offset of a chunk's end
         std::map<std::uint32_t, BinIndex> bins;  // by bin number; none is empty
         std::vector<std::uint64_t> ioffsets;     // linear index: virtual offset
@@ -646,8 +647,8 @@ public:
     //
     // Static and without state: they may run on many threads at once. Where
     // they fail, `error` (not a handler's `error_message`) receives the text.
-    // The output string may be one of the inputs, but not `error`; its capacity
-    // is kept from call to call.
+    // The output string may be one of the input strings, but not `error`, and no
+    // view may look into it; its capacity is kept from call to call.
     // =======================================================================
 
     /// Builds the eleven columns of an unmapped SAM line, without a tab or
