@@ -557,17 +557,19 @@ TEST(Import, KeepComments_ReadsWithOtherComments_AreCounted) {
 }
 
 TEST(Import, KeepComments_ValueAtFault_IsRefusedWithItsLine) {
-    std::string const unsuited = "line 5: the value of the optional field does not suit its type: ";
+    std::string const unsuited =
+        "line 5: the value of the optional field does not suit its type, or is out of range: ";
     std::string const good = "@a\nA\n+\nI\n";
     std::string const rest = "\nA\n+\nI\n";
     FaultCase const cases[] = {
         {"no number", good + "@r NM:i:x" + rest, unsuited + "NM:i:x"},
         {"control byte", good + "@r XZ:Z:a\x1b" + rest, unsuited + "XZ:Z:a\\x1b"},
         {"array element out of range", good + "@r XB:B:C,256" + rest, unsuited + "XB:B:C,256"},
-        {"integer too large for the library", good + "@r NM:i:2147483648" + rest, "line 5: stoi"},
+        {"integer too large", good + "@r NM:i:2147483648" + rest, unsuited + "NM:i:2147483648"},
         {"array element too large for the library", good + "@r XB:B:I,2147483648" + rest,
-         "line 5: stoi"},
-        {"float too small for the library", good + "@r XF:f:1e-40" + rest, "line 5: stof"},
+         unsuited + "XB:B:I,2147483648"},
+        {"float too small", good + "@r XF:f:1e-40" + rest, unsuited + "XF:f:1e-40"},
+        {"float too large", good + "@r XF:f:1e40" + rest, unsuited + "XF:f:1e40"},
     };
     TempDir const dir;
     for (FaultCase const& c : cases) {
@@ -607,10 +609,18 @@ TEST(SamField, Text_OfEveryKind_IsToldApart) {
         {"no integer", "NM:i:", true, false},
         {"text after the integer", "NM:i:5x", true, false},
         {"blank before the integer", "NM:i: 5", true, false},
-        {"integer beyond 64 bits", "NM:i:99999999999999999999", true, true},
+        {"integer beyond 64 bits", "NM:i:99999999999999999999", true, false},
+        {"integer at its bounds", "NM:i:-2147483648", true, true},
+        {"integer below", "NM:i:-2147483649", true, false},
+        {"integer at its upper bound", "NM:i:2147483647", true, true},
+        {"integer above", "NM:i:2147483648", true, false},
         {"integer with a point", "NM:i:5.0", true, false},
         {"float", "XF:f:-1.5e-3", true, true},
         {"float ending in a point", "XF:f:2.", true, true},
+        {"float of zero", "XF:f:-0.0", true, true},
+        {"float too small", "XF:f:1e-39", true, false},
+        {"float that a double does not hold either", "XF:f:1e-400", true, false},
+        {"float too large", "XF:f:-3.5e38", true, false},
         {"no float", "XF:f:", true, false},
         {"text after the float", "XF:f:1.5.2", true, false},
         {"text, anything printable", "XZ:Z: a:b~", true, true},
@@ -641,9 +651,9 @@ TEST(SamField, Text_OfEveryKind_IsToldApart) {
         {"i at its bounds", "XB:B:i,-2147483648,2147483647", true, true},
         {"i below", "XB:B:i,-2147483649", true, false},
         {"i above", "XB:B:i,2147483648", true, false},
-        {"I at its bounds", "XB:B:I,0,4294967295", true, true},
+        {"I at the bounds that the library reads", "XB:B:I,0,2147483647", true, true},
         {"I below", "XB:B:I,-1", true, false},
-        {"I above", "XB:B:I,4294967296", true, false},
+        {"I above", "XB:B:I,2147483648", true, false},
         {"element beyond 64 bits", "XB:B:I,99999999999999999999", true, false},
         {"array of floats", "XB:B:f,1,-2.5,3e9", true, true},
         {"array of floats with a word", "XB:B:f,1,x", true, false},
@@ -1221,10 +1231,12 @@ TEST(Annotate, FieldAtFault_IsRefusedWithLineAndName) {
         "Unknown modified base abbreviation: 5fC");
     add("context", object_with("modbase_context", "_:XG:_"),
         "Invalid base modification context string.");
-    add("alphabet begins with a modification", object_with("modbase_alphabet", "mACGT"), "map::at");
+    add("alphabet begins with a modification", object_with("modbase_alphabet", "mACGT"),
+        "the field modbase_alphabet does not begin with one of A, C, G and T");
     Json no_base = sample_object();
     no_base["sequence"] = "ACNCA";
-    add("sequence with another letter", no_base, "map::at");
+    add("sequence with another letter", no_base,
+        "modified bases need a sequence of A, C, G and T alone");
 
     add("unknown field", object_with("modbase_thresold", 5), "unknown field modbase_thresold");
     add("lengths", object_with("qualities", "IIII"), "sequence and qscore do not match size!");

@@ -166,10 +166,29 @@ TEST(Tool, HelpExamples_Run_DoWhatTheySay) {
     EXPECT_EQ(names_in(dir.path()), (Names{"output", "reads.bam", "reads.bam.bai", "reads.sam"}));
 }
 
-TEST(Tool, Version_Printed_IsNameAndNumber) {
-    ProcessResult const result = run_tool({"--version"});
-    expect_done(result);
-    EXPECT_EQ(result.output, "tesk-bam " TESK_BAM_VERSION "\n");
+TEST(Tool, Version_OfToolOrCommand_IsNameAndNumber) {
+    for (std::string const command : {"", "convert", "import", "annotate", "info", "dump-index"}) {
+        SCOPED_TRACE(command);
+        std::vector<std::string> arguments = {"--version"};
+        if (!command.empty()) arguments.insert(arguments.begin(), command);
+        ProcessResult const result = run_tool(arguments);
+        expect_done(result);
+        EXPECT_EQ(result.output, "tesk-bam " TESK_BAM_VERSION "\n");
+    }
+}
+
+TEST(Tool, Convert_FloatArraysToBam_NotesThatTheyCannotBeReadBack) {
+    TempDir const dir;
+    std::string const columns = "\t4\t*\t0\t0\t*\t*\t0\t0\tA\tI\t";
+    std::string const in = dir.write("in.sam", "r1" + columns + "XA:B:f,2.0\nr2" + columns +
+                                                   "XA:B:f\nr3" + columns + "XA:B:c,1\n");
+    std::string const out = dir.file("out.bam");
+    ProcessResult const result = run_tool({"convert", in, out});
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(result.errors, "tesk-bam: note: 1 of 3 records hold arrays of floats; " + out +
+                                 " cannot be read back by this tool\n");
+    expect_done(run_tool({"convert", in, out, "--quiet"}));
+    expect_done(run_tool({"convert", in, dir.file("out.sam")}));
 }
 
 struct WrongUseCase {

@@ -168,6 +168,8 @@ Bytes probabilities_of(Json const& object, std::size_t n_channels) {
     return probs;
 }
 
+constexpr std::string_view BASES = "ACGT";
+
 std::string modbase_fields(Json const& object, std::string const& sequence) {
     std::string const& alphabet = text_of(object, "modbase_alphabet");
     std::string const& names = text_of(object, "modbase_names");
@@ -176,6 +178,11 @@ std::string modbase_fields(Json const& object, std::string const& sequence) {
                                     : std::string();
     auto const threshold = number_of<unsigned char>(object, "modbase_threshold", 0, 255);
     Bytes const probs = probabilities_of(object, alphabet.size());
+    bool const has_other_bases = sequence.find_first_not_of(BASES) != std::string::npos;
+    if (has_other_bases) throw ToolError("modified bases need a sequence of A, C, G and T alone");
+    if (!alphabet.empty() && BASES.find(alphabet[0]) == std::string_view::npos) {
+        throw ToolError("the field modbase_alphabet does not begin with one of A, C, G and T");
+    }
     std::string fields;
     std::string error;
     if (!BAMFileHandler::generate_modbase_string(fields, sequence, alphabet, names, context,

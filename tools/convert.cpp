@@ -37,7 +37,7 @@ struct Plan {
 };
 
 Plan plan_of(ConvertOptions const& options) {
-    if (options.in == "-") throw UsageError("standard input cannot be read: name a file");
+    refuse_standard_input(options.in);
     Plan plan = {options.in,
                  options.out,
                  kind_of(options.in, options.from, "--from"),
@@ -204,6 +204,7 @@ void note_lost_references(BAMFileHandler const& alignments, Plan const& plan) {
 void print_notes(BAMFileHandler const& alignments, Plan const& plan) {
     if (plan.quiet || plan.to == FileKind::SAM) return;
     if (plan.from == FileKind::SAM) note_lost_references(alignments, plan);
+    note_float_arrays(alignments, plan.out);
     if (!plan.index) note_old_index(plan.out, "; --index makes it anew");
 }
 

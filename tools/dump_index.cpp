@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <iostream>
 
+#include "tools/file_kind.h"
 #include "tools/load.h"
 #include "tools/message.h"
 #include "tools/tool_error.h"
@@ -11,7 +12,7 @@
 namespace tesk::tool {
 
 void dump_index(DumpIndexOptions const& options) {
-    if (options.file == "-") throw UsageError("standard input cannot be read: name a file");
+    refuse_standard_input(options.file);
     util::bam::BAMFileHandler const handler;
     errno = 0;
     call_library(handler, options.file,

@@ -19,6 +19,10 @@ std::string ending_of(std::string const& path) {
 
 char const* kind_name(FileKind kind) { return kind == FileKind::SAM ? "SAM" : "BAM"; }
 
+void refuse_standard_input(std::string const& path) {
+    if (path == "-") throw UsageError("standard input cannot be read: name a file");
+}
+
 FileKind kind_of(std::string const& path, std::string const& wanted, std::string const& option) {
     std::string const kind = wanted.empty() ? ending_of(path) : "." + wanted;
     if (kind == ".sam") return FileKind::SAM;

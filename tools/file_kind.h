@@ -11,6 +11,10 @@ enum class FileKind { SAM, BAM };
 /// "SAM" or "BAM".
 char const* kind_name(FileKind kind);
 
+/// Refuses "-" as the name of an input that must be a file.
+/// @throws UsageError
+void refuse_standard_input(std::string const& path);
+
 /// The kind of a file.
 ///
 /// @param path    its ending, .sam or .bam in any case, decides ...

@@ -40,8 +40,9 @@ bool take_fields(LineReader const& input, std::string_view comment, std::string&
             continue;
         }
         if (!has_valid_value(part)) {
-            input.fail("the value of the optional field does not suit its type: " +
-                       std::string(part));
+            input.fail(
+                "the value of the optional field does not suit its type, or is out of range: " +
+                std::string(part));
         }
         (fields += '\t') += part;
     }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -204,7 +205,7 @@ std::string summary_text(Summary const& summary, std::string const& file, FileKi
 }  // namespace
 
 void info(InfoOptions const& options) {
-    if (options.file == "-") throw UsageError("standard input cannot be read: name a file");
+    refuse_standard_input(options.file);
     FileKind const kind = kind_of(options.file, options.from, "--from");
     BAMFileHandler alignments;
     std::size_t n_references = 0;

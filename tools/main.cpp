@@ -36,6 +36,12 @@ constexpr int WRONG_USE = 2;
 
 constexpr char const* QUIET_HELP = "No progress and no notes on standard error";
 
+// On the tool and on every command.
+void add_version(CLI::App& command) {
+    command.set_version_flag("--version", "tesk-bam " TESK_BAM_VERSION,
+                             "Print the version and exit");
+}
+
 void add_kind(CLI::App& command, std::string const& name, std::string& kind,
               std::string const& help) {
     CLI::IsMember known({"sam", "bam"});
@@ -56,6 +62,7 @@ void add_convert(CLI::App& app, ConvertOptions& options) {
     command->add_flag("--index", options.index, "Sort, and write the index OUT.bai too");
     add_kind(*command, "--from", options.from, "Format of IN (default: by its ending)");
     add_kind(*command, "--to", options.to, "Format of OUT (default: by its ending)");
+    add_version(*command);
     command->add_flag("--quiet", options.quiet, QUIET_HELP);
     command->footer(
         "Example: a sorted BAM file reads.bam with its index reads.bam.bai\n"
@@ -66,6 +73,7 @@ void add_convert(CLI::App& app, ConvertOptions& options) {
 void add_dump_index(CLI::App& app, DumpIndexOptions& options) {
     CLI::App* const command = app.add_subcommand("dump-index", "Print a BAI file in readable form");
     command->add_option("FILE", options.file, "BAI file to read")->required()->type_name("");
+    add_version(*command);
     command->add_flag("--quiet", options.quiet, QUIET_HELP);
     command->footer(
         "Example: the index that convert --index made\n"
@@ -79,6 +87,7 @@ void add_info(CLI::App& app, InfoOptions& options) {
     command->add_option("FILE", options.file, "SAM or BAM file to read")->required()->type_name("");
     command->add_flag("--json", options.json, "Print one JSON object");
     add_kind(*command, "--from", options.from, "Format of FILE (default: by its ending)");
+    add_version(*command);
     command->add_flag("--quiet", options.quiet, QUIET_HELP);
     command->footer(
         "Example: the number of mapped records\n"
@@ -96,6 +105,7 @@ void add_reads_options(CLI::App& command, ReadsOptions& options, std::string con
         ->required()
         ->type_name("");
     add_kind(command, "--to", options.to, "Format of OUT (default: by its ending)");
+    add_version(command);
     command.add_flag("--quiet", options.quiet, QUIET_HELP);
 }
 
@@ -138,7 +148,7 @@ int report_parse_error(CLI::App const& app, CLI::ParseError const& error) {
 
 int run(int argc, char const* const* argv) {
     CLI::App app("Sequence alignments between SAM, BAM and BAI files", "tesk-bam");
-    app.set_version_flag("--version", "tesk-bam " TESK_BAM_VERSION, "Print the version and exit");
+    add_version(app);
     app.footer(
         "Exit status: 0 done, 1 the input or output is at fault, 2 wrong use.\n"
         "\n"

@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstddef>
 #include <cstdio>
+#include <utility>
 
 #include "tools/message.h"
 #include "tools/tool_error.h"

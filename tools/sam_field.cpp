@@ -1,7 +1,9 @@
 #include "tools/sam_field.h"
 
 #include <algorithm>
+#include <cfloat>
 #include <charconv>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <system_error>
@@ -30,16 +32,20 @@ std::errc parse(std::string_view text, Number& number) {
 }
 
 bool is_integer(std::string_view text) {
-    std::int64_t number = 0;
-    return parse(text, number) != std::errc::invalid_argument;
+    std::int32_t number = 0;
+    return parse(text, number) == std::errc();
 }
 
+// What is too small for a float of full precision is out of range as well.
 bool is_real(std::string_view text) {
-    float number = 0;
-    return parse(text, number) != std::errc::invalid_argument;
+    double number = 0;
+    if (parse(text, number) != std::errc()) return false;
+    double const magnitude = std::fabs(number);
+    return !(magnitude > FLT_MAX) && (number == 0 || !(magnitude < FLT_MIN));
 }
 
-// Element types of an array, and what their integers hold.
+// Element types of an array, and what their integers hold; of I the half that the
+// library reads.
 struct ElementRange {
     char letter;
     std::int64_t min;
@@ -47,7 +53,7 @@ struct ElementRange {
 };
 constexpr ElementRange ELEMENT_RANGES[] = {
     {'c', INT8_MIN, INT8_MAX}, {'C', 0, UINT8_MAX},         {'s', INT16_MIN, INT16_MAX},
-    {'S', 0, UINT16_MAX},      {'i', INT32_MIN, INT32_MAX}, {'I', 0, UINT32_MAX},
+    {'S', 0, UINT16_MAX},      {'i', INT32_MIN, INT32_MAX}, {'I', 0, INT32_MAX},
 };
 
 bool is_element(std::string_view text, char letter) {

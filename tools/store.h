@@ -23,4 +23,8 @@ void write_bam(util::bam::BAMFileHandler& alignments, std::string const& path, b
 /// @param advice  the message's last words
 void note_old_index(std::string const& path, std::string const& advice);
 
+/// Tells how many records of a BAM file hold arrays of floats, which the library
+/// writes but does not read.
+void note_float_arrays(util::bam::BAMFileHandler const& alignments, std::string const& path);
+
 }  // namespace tesk::tool

@@ -111,6 +111,12 @@ public:
         sink_->write(line);
     }
 
+    void print_notes() const {
+        if (!is_bam()) return;
+        note_float_arrays(alignments_, path_);
+        note_old_index(path_, "");
+    }
+
     void finish(Progress& progress) {
         if (is_bam()) {
             progress.writing(path_, file_->write_path());
@@ -161,7 +167,7 @@ std::uint64_t store_reads(ReadsOptions const& options, ReadParser const& next_re
     progress.finish();
     if (!options.quiet) {
         note_lost_qualities(n_lost_qualities, n_reads);
-        if (output.is_bam()) note_old_index(options.out, "");
+        output.print_notes();
     }
     return n_reads;
 }
