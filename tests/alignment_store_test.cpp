@@ -3,13 +3,18 @@
 
 #include "util/bam/bam_file.h"
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -549,6 +554,61 @@ TEST(References, List_ShortenedByTheCaller_IsFollowed) {
     EXPECT_EQ(look_up(handler, "ref99", "ref49"), std::pair(-1, 49));
     handler.references.resize(3);
     EXPECT_EQ(look_up(handler, "ref49", "ref2"), std::pair(-1, 2));
+}
+
+TEST(References, List_ShortenedThenAppendedTo_IsFollowed) {
+    BAMFileHandler handler = handler_with_references(100);
+    EXPECT_EQ(look_up(handler, "ref99", "ref49"), std::pair(99, 49));
+    handler.references.resize(5);
+    EXPECT_EQ(look_up(handler, "ref99", "ref4"), std::pair(-1, 4));
+    for (int i = 0; i < 100; ++i) handler.references.push_back({"new" + std::to_string(i), 1000});
+    EXPECT_EQ(look_up(handler, "new7", "ref99"), std::pair(12, -1));
+    EXPECT_EQ(look_up(handler, "new99", "ref4"), std::pair(104, 4));
+}
+
+// Names of 16 bytes that all have the hash which std::hash gives the first one:
+// its two steps of eight bytes are undone for a second half that fits any first.
+std::vector<std::string> colliding_names(std::size_t n) {
+    constexpr std::uint64_t MUL = 0xc6a4a7935bd1e995U;
+    std::uint64_t inverse = MUL;
+    for (int i = 0; i < 6; ++i) inverse *= 2 - MUL * inverse;
+    auto const mix = [](std::uint64_t v) { return v ^ (v >> 47U); };
+    auto const step = [&](std::uint64_t half) { return mix(half * MUL) * MUL; };
+    constexpr std::uint64_t SEED = 0xc70f6907U ^ (16 * MUL);
+    constexpr std::uint64_t GOAL = 0x0123456789abcdefU;
+    std::vector<std::string> names;
+    for (std::uint64_t k = 0; names.size() < n; ++k) {
+        std::uint64_t const first = 0x4141414141414141U + k;
+        std::uint64_t const state = (SEED ^ step(first)) * MUL;
+        std::uint64_t const second = mix((state ^ GOAL) * inverse) * inverse;
+        std::string name(16, '\0');
+        std::memcpy(name.data(), &first, 8);
+        std::memcpy(name.data() + 8, &second, 8);
+        bool const is_word = std::none_of(
+            name.begin(), name.end(), [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); });
+        if (is_word) names.push_back(name);
+    }
+    return names;
+}
+
+TEST(References, Names_MadeToCollide_AreFoundInReasonableTime) {
+    constexpr std::size_t N = 100000;  // half a minute, if every name passed all before it
+    std::vector<std::string> const names = colliding_names(N);
+    if (std::hash<std::string_view>{}(names[0]) != std::hash<std::string_view>{}(names[1])) {
+        GTEST_SKIP() << "the standard library's hash is another one";
+    }
+    auto const begin = std::chrono::steady_clock::now();
+    BAMFileHandler handler;
+    for (std::string const& name : names) handler.references.push_back({name, 1000});
+    handler.references.push_back({names[5], 1000});
+    for (std::size_t i = 0; i < N; i += 97) {
+        ASSERT_EQ(look_up(handler, names[i], "missing"), std::pair(static_cast<int>(i), -1));
+    }
+    handler.references.push_back({"late", 1000});
+    EXPECT_EQ(look_up(handler, "late", names[5]), std::pair(static_cast<int>(N) + 1, 5));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+    handler.reset();
+    EXPECT_EQ(look_up(handler, "late", names[5]), std::pair(-1, -1));
 }
 
 TEST(References, List_RefilledAfterReset_IsFollowed) {

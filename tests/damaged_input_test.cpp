@@ -788,4 +788,13 @@ TEST(DamagedBai, File_MutatedAtRandom_GivesAStatedOutcome) {
     }
 }
 
+TEST(DamagedSam, LineOfTabs_Added_IsRefusedWithoutRoomForFields) {
+    std::string const line = "q\t4\t*\t0\t0\t*\t*\t0\t0\t*\t*" + std::string(1000000, '\t');
+    Handler handler;
+    largest_allocation = 0;
+    EXPECT_FALSE(handler.add_alignment_sam(line));
+    EXPECT_LT(largest_allocation, 10 * line.size());
+    EXPECT_EQ(handler.error_message, "Sam to Bam parsing failed: Invalid aux data detected: ");
+}
+
 }  // namespace

@@ -796,6 +796,19 @@ TEST(Cigar, Letter_NoneOfTheNine_PacksToAllOnes) {
     }
 }
 
+TEST(Cigar, WhiteSpace_InALongRun_IsOneOperationEachInLinearTime) {
+    BAMFileHandler handler;
+    BamRecord record;
+    unsigned long ref_length = 0;
+    constexpr std::size_t N = 1000000;  // minutes, if every blank searched the run anew
+    EXPECT_TRUE(handler.pack_cigar_string(std::string(N, ' ') + "+M 7M", record, ref_length, 0));
+    // Blanks, '+' and 'M' without a number, then the number behind its blank.
+    ASSERT_EQ(record.aux_data.size(), 1U);
+    auto const& ops = boost::any_cast<AuxNumericalArray const&>(record.aux_data[0].value);
+    EXPECT_EQ(ops.count, N + 3);
+    EXPECT_EQ(ref_length, 7U);
+}
+
 TEST(Cigar, Letter_GivenACodeOfNineOrMore_IsRefused) {
     for (std::int32_t const code : {9, 10, 15, 16, INT32_HIGHEST}) {
         SCOPED_TRACE(code);
@@ -805,6 +818,10 @@ TEST(Cigar, Letter_GivenACodeOfNineOrMore_IsRefused) {
         unsigned long ref_length = 0;
         EXPECT_FALSE(handler.pack_cigar_string("10M2Q", record, ref_length, 10));
         EXPECT_EQ(handler.error_message, "Invalid cigar op detected: 'Q'");
+        // The map decides for the letters of CIGARs, too.
+        handler.cigar_op_codes['I'] = code;
+        EXPECT_FALSE(handler.pack_cigar_string("10M2I", record, ref_length, 12));
+        EXPECT_EQ(handler.error_message, "Invalid cigar op detected: 'I'");
     }
     for (std::int32_t const code : {-1, -9, INT32_LOWEST}) {
         SCOPED_TRACE(code);

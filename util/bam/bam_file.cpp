@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bitset>
 #include <cfloat>
 #include <charconv>
 #include <climits>
@@ -201,7 +202,8 @@ bool open_for_reading(std::ifstream& in, std::string const& path, std::ios::open
 //
 // The handler owns all it holds by value. Records refer to references by their
 // position in `references`; the parser finds that position by name through a
-// hash table over the list, which follows the list as it grows.
+// hash table over the list, which follows the list as it grows, or through a map
+// where names were made to collide.
 // ===========================================================================
 
 namespace {
@@ -210,6 +212,10 @@ namespace {
 constexpr std::size_t MAX_SCANNED_REFERENCES = 16;
 
 constexpr std::int32_t FREE_SLOT = -1;
+
+// A table at most half full has no runs of this length, unless the names were made
+// to collide.
+constexpr std::size_t MAX_PROBES = 512;
 
 // Every char maps to -1, except the letters, which map to their index.
 std::map<char, std::int32_t> make_code_map(std::string_view letters) {
@@ -235,8 +241,7 @@ bool BAMFileHandler::reset() {
     header_lines.clear();
     references.clear();
     records.clear();
-    reference_slots.clear();
-    n_references_hashed = 0;
+    forget_reference_names();
     has_sort_order = false;
     return true;
 }
@@ -259,36 +264,55 @@ bool BAMFileHandler::get_alignment_sam(unsigned long index, std::string& out) co
 
 std::int32_t BAMFileHandler::find_reference(std::string_view name) {
     if (references.size() <= MAX_SCANNED_REFERENCES) {
+        forget_reference_names();
         auto const found = std::find_if(references.begin(), references.end(),
                                         [&](RefSeq const& ref) { return ref.name == name; });
         return found == references.end() ? -1
                                          : static_cast<std::int32_t>(found - references.begin());
     }
-
-    std::size_t mask = reference_slots.size() - 1;
-    // The slot of a name: the one that holds it, or the free one where it belongs.
-    auto const slot_of = [&](std::string_view key) {
-        std::size_t slot = std::hash<std::string_view>{}(key)&mask;
-        while (reference_slots[slot] != FREE_SLOT &&
-               references[static_cast<std::size_t>(reference_slots[slot])].name != key) {
-            slot = (slot + 1) & mask;
-        }
-        return slot;
-    };
-
-    if (references.size() < n_references_hashed || 2 * references.size() > reference_slots.size()) {
+    if (references.size() < n_references_known) forget_reference_names();
+    if (references_by_name.empty() && 2 * references.size() > reference_slots.size()) {
         std::size_t n_slots = 4 * MAX_SCANNED_REFERENCES;
         while (n_slots < 4 * references.size()) n_slots *= 2;
         reference_slots.assign(n_slots, FREE_SLOT);
-        n_references_hashed = 0;
-        mask = n_slots - 1;
+        n_references_known = 0;
     }
-    for (; n_references_hashed < references.size(); ++n_references_hashed) {
-        std::int32_t& entry = reference_slots[slot_of(references[n_references_hashed].name)];
-        // The first entry of a name is the one that counts.
-        if (entry == FREE_SLOT) entry = static_cast<std::int32_t>(n_references_hashed);
+    // The first entry of a name is the one that counts.
+    for (; n_references_known < references.size(); ++n_references_known) {
+        auto const index = static_cast<std::int32_t>(n_references_known);
+        std::string const& new_name = references[n_references_known].name;
+        std::int32_t* const slot = references_by_name.empty() ? reference_slot(new_name) : nullptr;
+        if (slot == nullptr) {
+            references_by_name.emplace(new_name, index);
+        } else if (*slot == FREE_SLOT) {
+            *slot = index;
+        }
     }
-    return reference_slots[slot_of(name)];
+    std::int32_t* const slot = references_by_name.empty() ? reference_slot(name) : nullptr;
+    if (slot != nullptr) return *slot;
+    auto const found = references_by_name.find(name);
+    return found == references_by_name.end() ? -1 : found->second;
+}
+
+std::int32_t* BAMFileHandler::reference_slot(std::string_view name) {
+    std::size_t const mask = reference_slots.size() - 1;
+    std::size_t const hash = std::hash<std::string_view>{}(name);
+    for (std::size_t i = 0; i < MAX_PROBES; ++i) {
+        std::int32_t& slot = reference_slots[(hash + i) & mask];
+        bool const is_its_own =
+            slot == FREE_SLOT || references[static_cast<std::size_t>(slot)].name == name;
+        if (is_its_own) return &slot;
+    }
+    for (std::size_t i = 0; i < n_references_known; ++i) {
+        references_by_name.emplace(references[i].name, static_cast<std::int32_t>(i));
+    }
+    return nullptr;
+}
+
+void BAMFileHandler::forget_reference_names() {
+    reference_slots.clear();
+    references_by_name.clear();
+    n_references_known = 0;
 }
 
 // ===========================================================================
@@ -342,18 +366,40 @@ constexpr CodeTable make_seq_table() {
     return table;
 }
 
-constexpr CodeTable CIGAR_OP_TABLE = make_code_table(CIGAR_OP_CODES);
 constexpr CodeTable SEQ_TABLE = make_seq_table();
 
-// Code of a letter: from the constant table, which holds what the constructor
-// put into the map; a letter unknown to it may have been added to the map.
-std::int32_t code_of(char letter, CodeTable const& table,
-                     std::map<char, std::int32_t> const& codes) {
-    std::int8_t const code = table[static_cast<unsigned char>(letter)];
-    if (code >= 0) return code;
+// Code of a letter in one of the handler's maps.
+std::int32_t code_in(std::map<char, std::int32_t> const& codes, char letter) {
     auto const found = codes.find(letter);
     return found == codes.end() ? -1 : found->second;
 }
+
+// Code of a base: from the constant table, which holds what the constructor put
+// into the map; a letter unknown to it may have been added to the map.
+std::int32_t base_code(char base, std::map<char, std::int32_t> const& codes) {
+    std::int8_t const code = SEQ_TABLE[static_cast<unsigned char>(base)];
+    return code >= 0 ? code : code_in(codes, base);
+}
+
+// Codes of CIGAR letters out of the handler's map, each letter looked up once.
+class OpCodes {
+public:
+    explicit OpCodes(std::map<char, std::int32_t> const& codes) : codes_(codes) {}
+
+    std::int32_t operator[](char letter) {
+        auto const place = static_cast<unsigned char>(letter);
+        if (!is_known_[place]) {
+            is_known_[place] = true;
+            known_[place] = code_in(codes_, letter);
+        }
+        return known_[place];
+    }
+
+private:
+    std::map<char, std::int32_t> const& codes_;
+    std::bitset<256> is_known_;
+    std::array<std::int32_t, 256> known_;
+};
 
 template <typename Integer>
 void append_number(std::string& out, Integer value) {
@@ -364,11 +410,13 @@ void append_number(std::string& out, Integer value) {
 }
 
 // Reads the length of a CIGAR operation as strtol reads a number, then takes
-// its low 32 bits. Without a number the length is 0 and `next` stays.
-std::int32_t read_cigar_length(char const*& next, char const* end) {
+// its low 32 bits. Without a number the length is 0 and `next` stays; no number
+// follows then anywhere before `blanks_end` either.
+std::int32_t read_cigar_length(char const*& next, char const* end, char const*& blanks_end) {
     constexpr std::uint64_t LARGEST = std::numeric_limits<std::int64_t>::max();
     char const* p = next;
     while (p != end && is_space(*p)) ++p;
+    blanks_end = p;
     bool const negative = p != end && *p == '-';
     if (p != end && (*p == '-' || *p == '+')) ++p;
 
@@ -405,11 +453,14 @@ bool pack_cigar(std::string_view text, BamRecord& record, unsigned long& ref_len
     ref_len = 0;
     record.cigar.clear();
     record.cigar.reserve(count_cigar_ops(text));
+    OpCodes codes(op_codes);
     char const* const end = text.data() + text.size();
+    char const* blanks_end = text.data();
     for (char const* next = text.data(); next < end; ++next) {
-        std::int32_t const length = read_cigar_length(next, end);
+        std::int32_t const length =
+            next < blanks_end ? 0 : read_cigar_length(next, end, blanks_end);
         char const letter = next == end ? '\0' : *next;
-        std::int32_t const code = code_of(letter, CIGAR_OP_TABLE, op_codes);
+        std::int32_t const code = codes[letter];
         // Deliberate: compared as signed, so that an unknown letter, code -1,
         // passes and becomes a word of all ones.
         if (code >= static_cast<std::int32_t>(CIGAR_OP_CODES.size())) {
@@ -461,8 +512,8 @@ bool pack_seq(std::string_view text, BamRecord& record, std::map<char, std::int3
     bool const done = pack_known_pairs(text.data(), n_pairs, record.seq.data());
     for (std::size_t k = 0; k < n_pairs && !done; ++k) {
         // An unknown base, -1, is the largest of numbers without a sign.
-        auto const high = static_cast<std::uint32_t>(code_of(text[2 * k], SEQ_TABLE, codes));
-        auto const low = static_cast<std::uint32_t>(code_of(text[2 * k + 1], SEQ_TABLE, codes));
+        auto const high = static_cast<std::uint32_t>(base_code(text[2 * k], codes));
+        auto const low = static_cast<std::uint32_t>(base_code(text[2 * k + 1], codes));
         if ((high | low) >= SEQ_CODES.size()) {
             return fail(error, "Invalid sequence code detected");
         }
@@ -471,7 +522,7 @@ bool pack_seq(std::string_view text, BamRecord& record, std::map<char, std::int3
     if (text.size() % 2 != 0) {
         // Deliberate: the last base of an odd number is not checked; code -1
         // leaves 0xF0, which reads back as N.
-        auto const code = static_cast<std::uint32_t>(code_of(text.back(), SEQ_TABLE, codes));
+        auto const code = static_cast<std::uint32_t>(base_code(text.back(), codes));
         record.seq[n_pairs] = static_cast<std::uint8_t>(code << 4);
     }
     return true;
@@ -831,8 +882,9 @@ bool BAMFileHandler::parse_sam_fields(std::string_view line, BamRecord& record) 
     std::string_view rest = cursor.rest();
     if (rest.empty() || rest == "\r") return true;
     if (rest.front() == '\t') rest.remove_prefix(1);
-    auto const n_tabs = std::count(rest.begin(), rest.end(), '\t');
-    record.aux_data.reserve(record.aux_data.size() + static_cast<std::size_t>(n_tabs) + 1);
+    auto const n_tabs = static_cast<std::size_t>(std::count(rest.begin(), rest.end(), '\t'));
+    // A field and its tab have six characters at least; other tabs are a fault.
+    record.aux_data.reserve(record.aux_data.size() + std::min(n_tabs, rest.size() / 6) + 1);
     for (;;) {
         std::size_t const tab = rest.find('\t');
         if (!parse_optional_field(rest.substr(0, tab), record.aux_data, file_name, error_message)) {

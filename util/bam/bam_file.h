@@ -26,7 +26,8 @@
 //   std::runtime_error                         a byte cursor hit its end
 //   boost::bad_any_cast                        an optional value does not have
 //                                              the type its letter names
-//   std::length_error                          a position beyond all indexes
+//   std::length_error                          a position beyond all indexes, or a
+//                                              read of more than 2^31 - 1 bases
 //
 // Threads. Nothing is locked. Use a handler from one thread at a time, const
 // members included: they update mutable members. Distinct handlers may work in
@@ -43,6 +44,7 @@
 #include <cstdint>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <limits>
 #include <map>
 #include <stdexcept>
@@ -122,21 +124,21 @@ public:
     // The state. Callers may read all of it; what may be changed by hand is
     // said beside each member.
 
-    mutable std::string error_message;            // text of the last failure
-    mutable std::string file_name;                // path in use; ends some error texts
-    mutable std::size_t bytes_written = 0;        // compressed bytes written so far to
-                                                  // the BAM file being written
-    std::string header;                           // header text as read or added; what SAM
-                                                  // output begins with
-    bool has_sort_order = false;                  // true while a definite order of the records
-                                                  // is on record
-    std::string sort_order;                       // that order as an @HD fragment, such as
-                                                  // "\tSO:coordinate"; empty for none
-    std::string header_lines;                     // accepted @SQ, @RG, @PG and @CO lines, each
-                                                  // with its newline
-    std::vector<RefSeq> references;               // in @SQ order; a refID indexes it. Append
-                                                  // at will; before entries of a list longer
-                                                  // than 16 are renamed or replaced, reset()
+    mutable std::string error_message;      // text of the last failure
+    mutable std::string file_name;          // path in use; ends some error texts
+    mutable std::size_t bytes_written = 0;  // compressed bytes written so far to
+                                            // the BAM file being written
+    std::string header;                     // header text as read or added; what SAM
+                                            // output begins with
+    bool has_sort_order = false;            // true while a definite order of the records
+                                            // is on record
+    std::string sort_order;                 // that order as an @HD fragment, such as
+                                            // "\tSO:coordinate"; empty for none
+    std::string header_lines;               // accepted @SQ, @RG, @PG and @CO lines, each
+                                            // with its newline
+    // in @SQ order; a refID indexes it. Append at will; entries of a list longer
+    // than 16 must keep their names while lines are added
+    std::vector<RefSeq> references;
     std::vector<BamRecord> records;               // in insertion order until sorted
     std::map<char, std::int32_t> cigar_op_codes;  // CIGAR letter -> BAM code; -1
                                                   // for every other char
@@ -202,6 +204,7 @@ public:
     /// @throws std::runtime_error
     ///              "Hit end of BAM buffer while writing data": an array's type
     ///              letter is followed by something else than a comma
+    /// @throws std::length_error  more than 2^31 - 1 bases
     bool parse_sam_line_to_bam_record(std::string const& line, BamRecord& record);
 
     /// Parses one SAM alignment line and appends it to `records`.
@@ -289,7 +292,8 @@ public:
     ///         `sam_line` ends with the field's tag and ':'
     /// @throws boost::bad_any_cast
     ///              a value is not of the type its letter names; `sam_line` ends
-    ///              as above. Deliberate: so does an f array with elements, with
+    ///              as above (for a long CIGAR's CG field it is as before).
+    ///              Deliberate: so does an f array with elements, with
     ///              `sam_line` ending in ":B:f,"
     /// @throws std::runtime_error
     ///              "Hit end of BAM buffer while extracting data": an array
@@ -322,10 +326,11 @@ public:
     // 3. Header
     // =======================================================================
 
-    /// Checks SAM header text and files what it holds: @SQ lines into
-    /// `references`, the order of @HD into `sort_order`, all other lines into
+    /// Checks SAM header text and files what it holds: @SQ lines also into
+    /// `references`, the order of @HD into `sort_order`, every line but @HD into
     /// `header_lines`, the whole text into `header`, which always ends with a
-    /// newline unless empty. Calls accumulate.
+    /// newline unless empty. A definite order sets `has_sort_order`. Calls
+    /// accumulate.
     ///
     /// @param text  one or more header lines, separated by '\n'
     ///
@@ -756,10 +761,17 @@ private:
     // Takes over header, references and records of an inflated BAM file.
     bool parse_bam_payload(std::vector<char>& payload);
 
-    // Hash table of positions in `references`, -1 in free slots; its size is a
-    // power of two. It covers the first n_references_hashed entries.
+    // The slot of a name, or where it belongs, free then; null once
+    // `references_by_name` has taken the table's place.
+    std::int32_t* reference_slot(std::string_view name);
+    void forget_reference_names();
+
+    // What is known of the names of the first n_references_known references: a
+    // hash table of positions in `references`, -1 in free slots, its size a power
+    // of two; or, if that is not empty, a map.
     std::vector<std::int32_t> reference_slots;
-    std::size_t n_references_hashed = 0;
+    std::map<std::string, std::int32_t, std::less<>> references_by_name;
+    std::size_t n_references_known = 0;
 };
 
 /// The sequence context in which modifications of each canonical base (A, C, G,
