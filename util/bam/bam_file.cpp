@@ -492,8 +492,8 @@ bool pack_cigar(std::string_view text, BamRecord& record, unsigned long& ref_len
 bool pack_known_pairs(char const* bases, std::size_t n_pairs, std::uint8_t* packed) {
     int unknown = 0;
     for (std::size_t k = 0; k < n_pairs; ++k) {
-        int const high = SEQ_TABLE[static_cast<unsigned char>(bases[2 * k])];
-        int const low = SEQ_TABLE[static_cast<unsigned char>(bases[2 * k + 1])];
+        std::int8_t const high = SEQ_TABLE[static_cast<unsigned char>(bases[2 * k])];
+        std::int8_t const low = SEQ_TABLE[static_cast<unsigned char>(bases[2 * k + 1])];
         unknown |= high | low;
         packed[k] = static_cast<std::uint8_t>(high * 16 + low);
     }
