@@ -193,7 +193,10 @@ std::string encode_optional_field(std::string_view field) {
     switch (type) {
         case 'A':
             return bam_aux(tag, type, value.empty() ? std::string(1, '\0') : value.substr(0, 1));
-        case 'i': return bam_aux(tag, type, le_bytes(static_cast<std::int32_t>(integer(value))));
+        case 'i':
+            // Type I holds what is too large for type i; the bytes are the same.
+            return bam_aux(tag, integer(value) > INT32_MAX ? 'I' : 'i',
+                           le_bytes(integer(value)).substr(0, 4));
         case 'f': return bam_aux(tag, type, float_bytes(value));
         case 'Z':
         case 'H': return bam_aux(tag, type, std::string(value) + '\0');

@@ -82,8 +82,8 @@ std::string le_bytes(T value) {
 std::string encode_bam_header(std::string_view text, std::vector<Reference> const& references);
 
 /// The record that a well-formed SAM line stands for, encoded from the text
-/// alone (bin included; integers as type i; a CIGAR of more than 65,535
-/// operations in a CG field before the others).
+/// alone (bin included; integers as type i, or I above 2^31 - 1; a CIGAR of more
+/// than 65,535 operations in a CG field before the others).
 std::string encode_bam_record(std::string_view sam_line, std::vector<Reference> const& references);
 
 /// The header that BAM output carries for a well-formed SAM header: @HD with
