@@ -12,6 +12,9 @@
 #include "tests/support/process.h"
 #include "tests/support/temp_file.h"
 #include "tests/support/text.h"
+#ifdef TESK_BAM_HAS_TOOL
+#include "tests/support/tool_runner.h"
+#endif
 #include "util/bam/bam_file.h"
 
 namespace {
@@ -34,6 +37,11 @@ std::string between(std::string const& text, std::string const& begin, std::stri
 TEST(Documents, Readme_Program_IsTheExample) {
     EXPECT_EQ(between(source_file("README.md"), "```cpp\n", "```"),
               source_file("examples/convert.cpp"));
+}
+
+TEST(Documents, Readme_SecondProgram_IsTheExample) {
+    EXPECT_EQ(between(source_file("README.md"), "### Files of any origin\n\n```cpp\n", "```"),
+              source_file("examples/count.cpp"));
 }
 
 TEST(Documents, Header_OpeningExample_IsTheExample) {
@@ -59,6 +67,23 @@ TEST(Documents, Example_ShippedFile_IsConvertedAndIndexed) {
     BAMFileHandler handler;
     ASSERT_TRUE(handler.read_from_bam_file(bam)) << handler.error_message;
     EXPECT_EQ(handler.records.size(), 16U);
+}
+
+TEST(Documents, CountExample_FileToRepair_IsCountedAndReported) {
+    TempDir const dir;
+    std::string const sam = dir.write("old.sam",
+                                      "@SQ\tSN:chr1\tLN:9\n"
+                                      "a\t4\t*\t0\t0\t*\t*\t0\t0\tac\tII\n"
+                                      "b\t4\t*\t0\t0\t*\t*\t0\t0\t*\t*\n");
+    ProcessResult const result = run_process({TESK_BAM_EXAMPLE_COUNT, sam});
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(result.output, "2\n");
+    EXPECT_EQ(result.errors,
+              "repaired: SEQ has lower-case bases: changed to upper case (once, in line 2)\n");
+    ProcessResult const missing = run_process({TESK_BAM_EXAMPLE_COUNT, dir.file("none.sam")});
+    EXPECT_EQ(missing.exit_status, 1);
+    EXPECT_EQ(missing.errors,
+              "cannot open " + dir.file("none.sam") + ": No such file or directory\n");
 }
 
 TEST(Documents, Example_MissingFile_SaysSo) {
@@ -116,6 +141,80 @@ TEST(Documents, BasecallerExample_Run_PrintsTheReadsOfAValidBam) {
     }
     EXPECT_EQ(inflate_bgzf(read_file(bam)), expected_payload);
 }
+
+#ifdef TESK_BAM_HAS_TOOL
+
+// What a manual shows of a session: a command, and the lines that it prints.
+struct Shown {
+    std::string command;
+    std::string output;
+};
+
+// The commands of a part of the manual: indented lines after "$ ".
+std::vector<Shown> sessions_in(std::string_view part) {
+    std::vector<Shown> sessions;
+    bool open = false;
+    std::string blank;  // lines that belong to the output where more of it follows
+    for (std::string_view const line : split(part, '\n')) {
+        bool const indented = line.substr(0, 4) == "    ";
+        if (line.substr(0, 6) == "    $ ") {
+            sessions.push_back({std::string(line.substr(6)), ""});
+            open = true;
+        } else if (indented && open) {
+            sessions.back().output += blank + std::string(line.substr(4)) + "\n";
+        } else if (line.empty() && open) {
+            blank += "\n";
+            continue;
+        } else {
+            open = false;
+        }
+        blank.clear();
+    }
+    return sessions;
+}
+
+// A line "..." stands for any lines.
+bool is_as_shown(std::string const& printed, std::string const& shown) {
+    std::size_t const gap = shown.find("...\n");
+    if (gap == std::string::npos) return printed == shown;
+    std::string const end = shown.substr(gap + 4);
+    return printed.size() >= gap + end.size() && printed.compare(0, gap, shown, 0, gap) == 0 &&
+           printed.compare(printed.size() - end.size(), end.size(), end) == 0;
+}
+
+// What "cat" shows is what the files are that later commands read.
+TEST(Documents, Manual_EveryCommand_PrintsWhatIsShown) {
+    TempDir const dir;
+    auto const run = [&](std::string const& command) {
+        return run_shell(
+            "cd \"$1\" && tool=$0; tesk-bam() { \"$tool\" \"$@\"; }\n{ " + command + "\n} 2>&1",
+            {dir.path().string()});
+    };
+    dir.write("reads.sam", source_file("examples/quickstart.sam"));
+    std::size_t n_commands = 0;
+    std::string const manual = source_file("docs/tesk-bam.md");
+    for (std::size_t begin = 0; begin != std::string::npos;) {
+        std::size_t const end = manual.find("\n## ", begin + 1);
+        std::string const part = manual.substr(begin, end - begin);
+        begin = end;
+        ASSERT_EQ(run("tesk-bam convert reads.sam reads.bam --index").output, "");
+        for (Shown const& shown : sessions_in(part)) {
+            SCOPED_TRACE(shown.command);
+            if (shown.command == "ls") continue;  // has the files of other parts, too
+            if (shown.command.substr(0, 4) == "cat ") {
+                dir.write(shown.command.substr(4), shown.output);
+                run("gzip -kf " + shown.command.substr(4));
+                continue;
+            }
+            ++n_commands;
+            std::string const printed = run(shown.command).output;
+            EXPECT_TRUE(is_as_shown(printed, shown.output)) << printed;
+        }
+    }
+    EXPECT_GE(n_commands, 20U);
+}
+
+#endif
 
 TEST(Documents, Readme_Version_IsTheChangelogsNewest) {
     std::string const newest = between(source_file("CHANGELOG.md"), "## ", " ");

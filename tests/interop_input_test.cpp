@@ -2,6 +2,7 @@
 
 #include "interop/input_stream.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -15,7 +16,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <zlib.h>
 
 #include "interop/byte_buffer.h"
@@ -32,23 +32,6 @@ using Packing = InputStream::Packing;
 constexpr std::size_t MIB = std::size_t{1} << 20;
 
 // --- Sample data ---------------------------------------------------------------
-
-std::string gzip_member(std::string_view text) {
-    z_stream stream = {};
-    if (deflateInit2(&stream, 6, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
-        throw std::runtime_error("no deflate");
-    }
-    std::string bytes(deflateBound(&stream, text.size()), '\0');
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
-    stream.avail_in = static_cast<uInt>(text.size());
-    stream.next_out = reinterpret_cast<Bytef*>(bytes.data());
-    stream.avail_out = static_cast<uInt>(bytes.size());
-    int const code = deflate(&stream, Z_FINISH);
-    bytes.resize(stream.total_out);
-    deflateEnd(&stream);
-    if (code != Z_STREAM_END) throw std::runtime_error("deflate failed");
-    return bytes;
-}
 
 // Text that compresses to about half.
 std::string random_text(std::size_t n_bytes, unsigned seed = 1) {

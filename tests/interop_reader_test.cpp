@@ -30,6 +30,7 @@
 #include "tests/support/bam_walker.h"
 #include "tests/support/process.h"
 #include "tests/support/record_text.h"
+#include "tests/support/sanitized.h"
 #include "tests/support/temp_file.h"
 #include "util/bam/bam_file.h"
 
@@ -1152,14 +1153,6 @@ TEST(AlignmentReader, Select_PipedFileWithIndex_IsError) {
 
 // --- Memory ----------------------------------------------------------------------
 
-// Sanitizers keep books of their own.
-#ifdef __has_feature
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define TESK_TEST_SANITIZED
-#endif
-#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define TESK_TEST_SANITIZED
-#endif
 #ifndef TESK_TEST_SANITIZED
 
 // Ends the process: 0 where all records were read within the memory.

@@ -1,5 +1,7 @@
 #include "tools/file_kind.h"
 
+#include <unistd.h>
+
 #include "tools/tool_error.h"
 
 namespace tesk::tool {
@@ -34,7 +36,14 @@ FileKind kind_of(std::string const& path, std::string const& wanted, std::string
 FileKind kind_of_output(std::string const& path, std::string const& wanted) {
     if (path != "-") return kind_of(path, wanted, "--to");
     if (wanted != "bam") return FileKind::SAM;
-    throw UsageError("BAM cannot be written to standard output: name a file");
+    if (::isatty(STDOUT_FILENO) == 0) return FileKind::BAM;
+    throw UsageError("BAM is not written to a terminal: name a file, or send it on through a pipe");
+}
+
+FileKind exact_kind_of_output(std::string const& path, std::string const& wanted) {
+    if (path != "-") return kind_of(path, wanted, "--to");
+    if (wanted != "bam") return FileKind::SAM;
+    throw UsageError("--exact cannot write BAM to standard output: name a file");
 }
 
 }  // namespace tesk::tool

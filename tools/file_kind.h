@@ -23,10 +23,14 @@ void refuse_standard_input(std::string const& path);
 /// @throws UsageError  neither tells
 FileKind kind_of(std::string const& path, std::string const& wanted, std::string const& option);
 
-/// The kind of an output file, which may be "-": standard output, SAM then.
+/// The kind of an output, which may be "-": standard output, SAM unless told
+/// otherwise.
 ///
 /// @param wanted  what the option --to says, or empty
-/// @throws UsageError  neither tells, or it would be BAM on standard output
+/// @throws UsageError  neither tells, or it would be BAM on a terminal
 FileKind kind_of_output(std::string const& path, std::string const& wanted);
+
+/// The same with --exact, which has no BAM on standard output.
+FileKind exact_kind_of_output(std::string const& path, std::string const& wanted);
 
 }  // namespace tesk::tool

@@ -28,9 +28,17 @@ void expect_begin(LineReader const& input, std::string const& line, char first) 
                " was expected");
 }
 
+// Refuses what the library would take otherwise than it is meant.
+void check_value(LineReader const& input, std::string_view field) {
+    if (has_valid_value(field)) return;
+    input.fail("the value of the optional field does not suit its type, or is out of range: " +
+               std::string(field));
+}
+
 // Appends the optional fields of a comment to `fields`, a tab before each.
 // Returns whether something else stands there, too.
-bool take_fields(LineReader const& input, std::string_view comment, std::string& fields) {
+bool take_fields(LineReader const& input, std::string_view comment, bool exact,
+                 std::string& fields) {
     bool all = true;
     while (!comment.empty()) {
         std::string_view const part = comment.substr(0, comment.find('\t'));
@@ -39,11 +47,7 @@ bool take_fields(LineReader const& input, std::string_view comment, std::string&
             all = all && part.empty();
             continue;
         }
-        if (!has_valid_value(part)) {
-            input.fail(
-                "the value of the optional field does not suit its type, or is out of range: " +
-                std::string(part));
-        }
+        if (exact) check_value(input, part);
         (fields += '\t') += part;
     }
     return !all;
@@ -51,7 +55,8 @@ bool take_fields(LineReader const& input, std::string_view comment, std::string&
 
 class FastqParser {
 public:
-    explicit FastqParser(bool keep_comments) : keep_comments_(keep_comments) {}
+    explicit FastqParser(ImportOptions const& options)
+        : keep_comments_(options.keep_comments), exact_(options.reads.exact) {}
 
     bool next(LineReader& input, Read& read) {
         if (!input.next_record(line_)) return false;
@@ -75,12 +80,13 @@ private:
         read.name.assign(line_, 1, blank - 1);
         read.fields.clear();
         if (!keep_comments_ || blank == line_.size()) return;
-        bool const left_out =
-            take_fields(input, std::string_view(line_).substr(blank + 1), read.fields);
+        std::string_view const comment = std::string_view(line_).substr(blank + 1);
+        bool const left_out = take_fields(input, comment, exact_, read.fields);
         if (left_out) ++n_left_out_;
     }
 
     bool keep_comments_;
+    bool exact_;
     std::uint64_t n_left_out_ = 0;
     std::string line_;
 };
@@ -88,7 +94,7 @@ private:
 }  // namespace
 
 void import_reads(ImportOptions const& options) {
-    FastqParser parser(options.keep_comments);
+    FastqParser parser(options);
     auto const next = [&](LineReader& input, Read& read) { return parser.next(input, read); };
     std::uint64_t const n_reads = store_reads(options.reads, next);
     if (parser.n_left_out() == 0 || options.reads.quiet) return;

@@ -99,4 +99,13 @@ void check_index(std::string const& path, std::size_t n_references) {
     if (cursor.left() != 0) fail(std::to_string(cursor.left()) + " bytes follow its end");
 }
 
+void check_written_index(std::string const& path, OutputFile const& output,
+                         std::size_t n_references) {
+    try {
+        check_index(output.write_path() + ".bai", n_references);
+    } catch (ToolError const& e) {
+        throw ToolError(path + ".bai: " + output.in_own_names(e.what()));
+    }
+}
+
 }  // namespace tesk::tool

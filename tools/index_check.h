@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <string>
 
+#include "tools/output_file.h"
+
 namespace tesk::tool {
 
 /// Reads an index back from disk and checks that it is whole: the magic bytes,
@@ -16,5 +18,11 @@ namespace tesk::tool {
 /// @throws ToolError    "the index is damaged: " and the first fault, or the
 ///                      file cannot be read
 void check_index(std::string const& path, std::size_t n_references);
+
+/// The same of the index that goes with an output file, before it has its name.
+///
+/// @param path  the output as the user named it; messages begin with its index
+void check_written_index(std::string const& path, OutputFile const& output,
+                         std::size_t n_references);
 
 }  // namespace tesk::tool

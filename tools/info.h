@@ -8,10 +8,12 @@ namespace tesk::tool {
 
 /// What "tesk-bam info" was asked for.
 struct InfoOptions {
-    std::string file;
-    std::string from;    // "sam" or "bam"; empty: the ending of `file` tells
-    bool json = false;   // one JSON object instead of text for people
-    bool quiet = false;  // no progress
+    std::string file;                // "-": standard input
+    std::string from;                // "sam" or "bam"; empty: what the content is
+    bool json = false;               // one JSON object instead of text for people
+    bool quiet = false;              // neither progress nor notes
+    bool exact = false;              // the library's own file members
+    bool allow_missing_eof = false;  // does not go with `exact`
 };
 
 /// Prints the summary on standard output.

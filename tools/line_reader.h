@@ -34,6 +34,9 @@ public:
     /// @throws ToolError  something follows an empty line
     bool next_record(std::string& line);
 
+    /// What messages call the input.
+    std::string const& name() const { return bytes_.name(); }
+
     /// Number of the line that was read last, from 1.
     std::uint64_t number() const { return number_; }
 

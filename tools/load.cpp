@@ -71,4 +71,10 @@ std::size_t read_alignments(std::string const& path, FileKind kind, BAMFileHandl
     return alignments.references.size();
 }
 
+// The handler has a tab before it, as in an @HD line.
+std::string sort_order_of(BAMFileHandler const& alignments) {
+    std::string const& order = alignments.sort_order;
+    return order.empty() ? "unknown" : order.substr(1);
+}
+
 }  // namespace tesk::tool

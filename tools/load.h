@@ -1,4 +1,4 @@
-// Reading alignments, and the library's failures as ToolErrors.
+// Reading alignments by the library's own members, and its failures as ToolErrors.
 
 #pragma once
 
@@ -64,5 +64,9 @@ std::size_t read_alignments(std::string const& path, FileKind kind,
 /// @throws ToolError  naming the first difference
 void check_same_references(std::string const& path, util::bam::BAMFileHandler const& alignments,
                            std::size_t n_first);
+
+/// The order that a handler's header states, such as "SO:coordinate", or
+/// "unknown".
+std::string sort_order_of(util::bam::BAMFileHandler const& alignments);
 
 }  // namespace tesk::tool

@@ -155,6 +155,12 @@ OutputFile::~OutputFile() {
 
 std::string const& OutputFile::write_path() const { return direct_ ? path_ : temporary_->path(); }
 
+std::string OutputFile::folder() const {
+    if (direct_) return "";
+    std::string folder = folder_of(target_);
+    return folder.empty() ? "." : folder;
+}
+
 int OutputFile::descriptor() {
     if (!direct_) return temporary_->descriptor();
     if (device_fd_ < 0) device_fd_ = ::open(path_.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC);

@@ -34,6 +34,9 @@ public:
     /// The name to write under; the index is written under this one + ".bai".
     std::string const& write_path() const;
 
+    /// Folder of that file; empty for a device or a FIFO.
+    std::string folder() const;
+
     /// A descriptor of that file, open for writing.
     /// @throws ToolError  a device cannot be opened
     int descriptor();

@@ -142,14 +142,12 @@ void Progress::draw() {
 std::string Progress::line_of(Stage& stage) const {
     if (stage.kind == Stage::Kind::TEXT) return stage.text;
     std::optional<std::uint64_t> const size = size_of(stage.file);
-    if (!size) {
-        std::uint64_t const told = bytes_read_.load(std::memory_order_relaxed);
-        bool const counted = stage.kind == Stage::Kind::READING && told != 0;
-        return stage.text + (counted ? "  " + megabytes(told) + " MB" : "");
-    }
+    std::uint64_t const told =
+        stage.kind == Stage::Kind::READING ? bytes_read_.load(std::memory_order_relaxed) : 0;
+    if (!size) return stage.text + (told != 0 ? "  " + megabytes(told) + " MB" : "");
     if (stage.kind == Stage::Kind::WRITING) return stage.text + "  " + megabytes(*size) + " MB";
 
-    std::optional<std::uint64_t> const offset = offset_in(stage.file);
+    std::optional<std::uint64_t> const offset = told != 0 ? told : offset_in(stage.file);
     if (!offset) return stage.text + (stage.was_open ? ": decoding its records" : "");
     stage.was_open = true;
     std::uint64_t const percent = *size == 0 ? 100 : *offset * 100 / *size;

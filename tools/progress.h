@@ -15,10 +15,9 @@ namespace tesk::tool {
 /// One line on standard error, drawn anew five times a second and taken away at
 /// the end.
 ///
-/// The library's calls do not say how far they are. So a thread of this class
-/// watches from outside: how far the process has got in the file it reads, and
-/// how large the file is that it writes. Only how much came out of a pipe cannot
-/// be seen from outside; who reads it tells.
+/// Who reads piece by piece tells how far that is. Some calls of the library do
+/// not: so a thread of this class watches from outside how far the process has
+/// got in the file it reads, and how large the file is that it writes.
 class Progress {
 public:
     /// @param wanted  false: nothing is ever shown
@@ -34,7 +33,7 @@ public:
     /// @param path  "-" is standard input
     void reading(std::string const& path);
 
-    /// Tells how many bytes have been read, for input without a size.
+    /// Tells how many bytes have been read.
     void advance(std::uint64_t bytes_read) {
         bytes_read_.store(bytes_read, std::memory_order_relaxed);
     }

@@ -1,7 +1,5 @@
 #include "tools/store.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 
 #include "tools/load.h"
@@ -19,14 +17,6 @@ void write_bam(util::bam::BAMFileHandler& alignments, std::string const& path, b
     } catch (ToolError const& e) {
         throw ToolError(output.in_own_names(e.what()));
     }
-}
-
-void note_old_index(std::string const& path, std::string const& advice) {
-    struct stat status = {};
-    std::string const index = path + ".bai";
-    if (::stat(index.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return;
-    print_message("note: " + index + " is older than " + path + " and belongs to another file" +
-                  advice);
 }
 
 void note_float_arrays(util::bam::BAMFileHandler const& alignments, std::string const& path) {

@@ -1,4 +1,4 @@
-// Writing BAM files.
+// Writing BAM files by the library's own member.
 
 #pragma once
 
@@ -16,12 +16,6 @@ namespace tesk::tool {
 /// @throws ToolError  the library's message, in the user's names
 void write_bam(util::bam::BAMFileHandler& alignments, std::string const& path, bool index,
                OutputFile const& output);
-
-/// Tells of an index that a BAM file now has beside it but that is not its own.
-///
-/// @param path    the BAM file
-/// @param advice  the message's last words
-void note_old_index(std::string const& path, std::string const& advice);
 
 /// Tells how many records of a BAM file hold arrays of floats, which the library
 /// writes but does not read.

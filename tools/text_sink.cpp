@@ -34,12 +34,16 @@ void TextSink::flush() {
 
 void TextSink::finish() {
     flush();
+    check_delayed_errors(fd_, name_);
+}
+
+void check_delayed_errors(int fd, std::string const& name) {
     // Some file systems report a full disk only when a descriptor is closed; a
     // duplicate makes them do so and leaves the file open. A file that does
     // not let itself be duplicated has been reported by write() already.
-    int const duplicate = ::dup(fd_);
+    int const duplicate = ::dup(fd);
     if (duplicate >= 0 && ::close(duplicate) != 0 && errno != EINTR) {
-        throw ToolError(with_errno("cannot write to " + name_));
+        throw ToolError(with_errno("cannot write to " + name));
     }
 }
 

@@ -30,6 +30,10 @@ private:
     std::string pending_;
 };
 
+/// Has the system report the errors of a file that it has put off.
+/// @throws ToolError  "cannot write to " + name + ": " + reason
+void check_delayed_errors(int fd, std::string const& name);
+
 /// A sink on standard output.
 TextSink standard_output();
 

@@ -21,6 +21,10 @@ constexpr std::size_t BLOCK_HEAD_BYTES = 18;  // gzip header, extra field BC inc
 constexpr std::size_t BLOCK_TAIL_BYTES = 8;   // CRC32 and ISIZE
 constexpr std::size_t MAX_PAYLOAD = 65280;
 
+// For zlib: the largest window, without a wrapping or in that of gzip.
+constexpr int RAW_WINDOW_BITS = -15;
+constexpr int GZIP_WINDOW_BITS = 15 + 16;
+
 std::uint32_t crc_of(std::string_view bytes) {
     boost::crc_32_type crc;
     crc.process_bytes(bytes.data(), bytes.size());
@@ -29,10 +33,10 @@ std::uint32_t crc_of(std::string_view bytes) {
 
 Bytef* zlib_bytes(std::string& bytes) { return reinterpret_cast<Bytef*>(bytes.data()); }
 
-std::string raw_deflate(std::string_view payload) {
+std::string deflated(std::string_view payload, int window_bits) {
     std::string in(payload);
     z_stream stream{};
-    if (deflateInit2(&stream, 6, Z_DEFLATED, -15, 9, Z_DEFAULT_STRATEGY) != Z_OK) {
+    if (deflateInit2(&stream, 6, Z_DEFLATED, window_bits, 9, Z_DEFAULT_STRATEGY) != Z_OK) {
         throw std::runtime_error("deflateInit2 failed");
     }
     std::string out(deflateBound(&stream, static_cast<uLong>(in.size())), '\0');
@@ -209,6 +213,8 @@ std::string encode_optional_field(std::string_view field) {
 
 // --- BGZF ------------------------------------------------------------------
 
+std::string gzip_member(std::string_view text) { return deflated(text, GZIP_WINDOW_BITS); }
+
 std::string bgzf_eof_block() {
     return std::string(
         "\x1f\x8b\x08\x04\0\0\0\0\0\xff\x06\0BC\x02\0"
@@ -218,7 +224,7 @@ std::string bgzf_eof_block() {
 
 std::string bgzf_block(std::string_view payload) {
     if (payload.size() > MAX_PAYLOAD) throw std::runtime_error("payload too long for one block");
-    std::string const compressed = raw_deflate(payload);
+    std::string const compressed = deflated(payload, RAW_WINDOW_BITS);
     std::size_t const size = BLOCK_HEAD_BYTES + compressed.size() + BLOCK_TAIL_BYTES;
     std::string block("\x1f\x8b\x08\x04\0\0\0\0\0\xff\x06\0BC\x02\0", 16);
     block += le_bytes(static_cast<std::uint16_t>(size - 1));

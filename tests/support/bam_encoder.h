@@ -12,6 +12,9 @@ namespace tesk::test {
 
 // --- BGZF ------------------------------------------------------------------
 
+/// A text as one member of gzip data.
+std::string gzip_member(std::string_view text);
+
 /// The empty block that ends a BAM file, 28 bytes.
 std::string bgzf_eof_block();
 

@@ -16,7 +16,6 @@
 #include <thread>
 
 #include <gtest/gtest.h>
-
 #include "tests/support/bam_encoder.h"
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leaves it to the program
@@ -33,6 +32,8 @@ std::vector<char*> argv_of(std::vector<std::string>& arguments) {
     argv.push_back(nullptr);
     return argv;
 }
+
+bool is_temporary(std::string const& name) { return name.find(".tesk-") != std::string::npos; }
 
 }  // namespace
 
@@ -131,13 +132,17 @@ std::string make_fifo(TempDir const& dir, std::string const& name) {
 
 bool has_temporary(std::filesystem::path const& folder) {
     Names const names = names_in(folder);
-    return std::any_of(names.begin(), names.end(), [](std::string const& name) {
-        return name.find(".tesk-") != std::string::npos;
-    });
+    return std::any_of(names.begin(), names.end(), is_temporary);
+}
+
+void remove_temporaries(std::filesystem::path const& folder) {
+    for (std::string const& name : names_in(folder)) {
+        if (is_temporary(name)) std::filesystem::remove(folder / name);
+    }
 }
 
 void interrupt_at_random(std::vector<std::string> const& arguments, int n_runs,
-                         std::function<void()> const& before,
+                         std::vector<int> const& signals, std::function<void()> const& before,
                          std::function<void(int, int)> const& after) {
     before();
     Clock::time_point const start = Clock::now();
@@ -150,7 +155,7 @@ void interrupt_at_random(std::vector<std::string> const& arguments, int n_runs,
     std::mt19937 random(7);  // NOLINT(cert-msc32-c,cert-msc51-cpp)
     std::uniform_int_distribution<std::int64_t> delay(0, duration.count() * 11 / 10);
     for (int i = 0; i < n_runs; ++i) {
-        int const number = i % 2 == 0 ? SIGINT : SIGTERM;
+        int const number = signals[static_cast<std::size_t>(i) % signals.size()];
         std::chrono::microseconds const moment(delay(random));
         SCOPED_TRACE(std::to_string(moment.count()) + " of " + std::to_string(duration.count()));
         before();

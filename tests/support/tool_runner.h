@@ -7,9 +7,11 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tests/support/process.h"
+#include "tests/support/sanitized.h"
 #include "tests/support/temp_file.h"
 
 namespace tesk::test {
@@ -41,6 +43,9 @@ Names names_in(std::filesystem::path const& folder);
 /// Whether a temporary file of the tool is in a folder.
 bool has_temporary(std::filesystem::path const& folder);
 
+/// Removes them, after a signal that the tool cannot catch.
+void remove_temporaries(std::filesystem::path const& folder);
+
 /// What a BAM file holds, inflated.
 std::string payload_of(std::string const& path);
 
@@ -68,14 +73,15 @@ private:
 /// Waits until a condition holds; false where it does not within a minute.
 bool eventually(std::function<bool()> const& condition);
 
-/// Runs the tool once to its end, then again and again, sending it SIGINT or
-/// SIGTERM at random moments of the time that it took.
+/// Runs the tool once to its end, then again and again, sending it signals at
+/// random moments of the time that it took.
 ///
+/// @param signals  sent in turn
 /// @param before  called before each start
 /// @param after   called after each of the later runs, with what Running::wait()
 ///                says and with the signal that was sent
 void interrupt_at_random(std::vector<std::string> const& arguments, int n_runs,
-                         std::function<void()> const& before,
+                         std::vector<int> const& signals, std::function<void()> const& before,
                          std::function<void(int status, int signal_number)> const& after);
 
 /// What a function prints when its standard error is a terminal.
