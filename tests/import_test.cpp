@@ -759,11 +759,12 @@ TEST(SamField, Text_OfEveryKind_IsToldApart) {
         {"array of floats", "XB:B:f,1,-2.5,3e9", true, true},
         {"array of floats with a word", "XB:B:f,1,x", true, false},
     };
+    tesk::tool::FieldChecker checker;
     for (FieldCase const& c : CASES) {
         SCOPED_TRACE(c.label);
         EXPECT_EQ(tesk::tool::is_field(c.text), c.is_field);
         if (c.is_field) {
-            EXPECT_EQ(tesk::tool::has_valid_value(c.text), c.has_valid_value);
+            EXPECT_EQ(checker.has_valid_value(c.text), c.has_valid_value);
         }
     }
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -29,15 +30,16 @@ void expect_begin(LineReader const& input, std::string const& line, char first) 
 }
 
 // Refuses what the library would take otherwise than it is meant.
-void check_value(LineReader const& input, std::string_view field) {
-    if (has_valid_value(field)) return;
+void check_value(LineReader const& input, FieldChecker& checker, std::string_view field) {
+    if (checker.has_valid_value(field)) return;
     input.fail("the value of the optional field does not suit its type, or is out of range: " +
                std::string(field));
 }
 
-// Appends the optional fields of a comment to `fields`, a tab before each.
-// Returns whether something else stands there, too.
-bool take_fields(LineReader const& input, std::string_view comment, bool exact,
+// Appends the optional fields of a comment to `fields`, a tab before each; null for
+// the checker leaves their values to who encodes the record. Returns whether
+// something else stands there, too.
+bool take_fields(LineReader const& input, std::string_view comment, FieldChecker* checker,
                  std::string& fields) {
     bool all = true;
     while (!comment.empty()) {
@@ -47,7 +49,7 @@ bool take_fields(LineReader const& input, std::string_view comment, bool exact,
             all = all && part.empty();
             continue;
         }
-        if (exact) check_value(input, part);
+        if (checker != nullptr) check_value(input, *checker, part);
         (fields += '\t') += part;
     }
     return !all;
@@ -55,8 +57,9 @@ bool take_fields(LineReader const& input, std::string_view comment, bool exact,
 
 class FastqParser {
 public:
-    explicit FastqParser(ImportOptions const& options)
-        : keep_comments_(options.keep_comments), exact_(options.reads.exact) {}
+    explicit FastqParser(ImportOptions const& options) : keep_comments_(options.keep_comments) {
+        if (options.reads.exact) checker_.emplace();
+    }
 
     bool next(LineReader& input, Read& read) {
         if (!input.next_record(line_)) return false;
@@ -81,12 +84,13 @@ private:
         read.fields.clear();
         if (!keep_comments_ || blank == line_.size()) return;
         std::string_view const comment = std::string_view(line_).substr(blank + 1);
-        bool const left_out = take_fields(input, comment, exact_, read.fields);
+        bool const left_out =
+            take_fields(input, comment, checker_ ? &*checker_ : nullptr, read.fields);
         if (left_out) ++n_left_out_;
     }
 
     bool keep_comments_;
-    bool exact_;
+    std::optional<FieldChecker> checker_;  // of exact imports
     std::uint64_t n_left_out_ = 0;
     std::string line_;
 };
