@@ -9,7 +9,6 @@
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <ostream>
 #include <random>
@@ -24,6 +23,7 @@
 #include "tests/support/bam_encoder.h"
 #include "tests/support/bam_walker.h"
 #include "tests/support/process.h"
+#include "tests/support/real_data.h"
 #include "tests/support/sanitized.h"
 #include "tests/support/temp_file.h"
 #include "tests/support/text.h"
@@ -102,31 +102,7 @@ constexpr RealFile FILES[] = {
 
 void PrintTo(RealFile const& c, std::ostream* out) { *out << c.file; }
 
-// File names as test names.
-std::string test_name(testing::TestParamInfo<RealFile> const& info) {
-    std::string name = info.param.file;
-    for (char& c : name) {
-        if (std::isalnum(static_cast<unsigned char>(c)) == 0) c = '_';
-    }
-    return name;
-}
-
-class InteropRealData : public testing::Test {
-protected:
-    void SetUp() override {
-        char const* const folder = std::getenv("TESK_BAM_REAL_DATA");
-        if (folder == nullptr || *folder == '\0') {
-            GTEST_SKIP() << "no real data: set TESK_BAM_REAL_DATA to the folder of sample files";
-        }
-        folder_ = folder;
-        ASSERT_TRUE(std::filesystem::is_directory(folder_)) << folder_ << " is no folder";
-    }
-
-    std::string path_of(std::string const& file) const { return (folder_ / file).string(); }
-
-    std::filesystem::path folder_;
-    TempDir dir_;
-};
+class InteropRealData : public RealDataTest {};
 
 TEST_F(InteropRealData, EveryFile_OfTheFolder_HasAnExpectation) {
     std::set<std::string> expected;
@@ -587,7 +563,7 @@ TEST_P(InteropRealFile, File_InBatchesOfAnySize_IsTheSame) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Files, InteropRealFile, testing::ValuesIn(FILES), test_name);
+INSTANTIATE_TEST_SUITE_P(Files, InteropRealFile, testing::ValuesIn(FILES), test_name<RealFile>);
 
 // ===========================================================================
 // SAM files
@@ -630,7 +606,8 @@ TEST_P(InteropRealSam, File_Compressed_IsTheSameAsPlain) {
     expect_same_reading(read_alignments(dir_.write("blocks.sam", blocks), options), plain);
 }
 
-INSTANTIATE_TEST_SUITE_P(Files, InteropRealSam, testing::ValuesIn(sam_files()), test_name);
+INSTANTIATE_TEST_SUITE_P(Files, InteropRealSam, testing::ValuesIn(sam_files()),
+                         test_name<RealFile>);
 
 // ===========================================================================
 // Sizes

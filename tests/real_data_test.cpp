@@ -5,9 +5,7 @@
 #include "util/bam/bam_file.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <ostream>
@@ -25,6 +23,7 @@
 #include "tests/support/cout_capture.h"
 #include "tests/support/index_builder.h"
 #include "tests/support/process.h"
+#include "tests/support/real_data.h"
 #include "tests/support/temp_file.h"
 #include "tests/support/text.h"
 
@@ -130,36 +129,11 @@ void PrintTo(ReadCase const& c, std::ostream* out) { *out << c.file; }
 void PrintTo(RefusedCase const& c, std::ostream* out) { *out << c.file; }
 void PrintTo(IndexCase const& c, std::ostream* out) { *out << c.file; }
 
-// File names as test names.
-template <typename Case>
-std::string test_name(testing::TestParamInfo<Case> const& info) {
-    std::string name = info.param.file;
-    for (char& c : name) {
-        if (std::isalnum(static_cast<unsigned char>(c)) == 0) c = '_';
-    }
-    return name;
-}
-
 // ===========================================================================
 // The folder
 // ===========================================================================
 
-class RealData : public testing::Test {
-protected:
-    void SetUp() override {
-        char const* const folder = std::getenv("TESK_BAM_REAL_DATA");
-        if (folder == nullptr || *folder == '\0') {
-            GTEST_SKIP() << "no real data: set TESK_BAM_REAL_DATA to the folder of sample files";
-        }
-        folder_ = folder;
-        ASSERT_TRUE(std::filesystem::is_directory(folder_)) << folder_ << " is no folder";
-    }
-
-    std::string path_of(std::string const& file) const { return (folder_ / file).string(); }
-
-    std::filesystem::path folder_;
-    TempDir dir_;
-};
+class RealData : public RealDataTest {};
 
 TEST_F(RealData, EveryFile_OfTheFolder_HasAnExpectation) {
     std::set<std::string> expected;

@@ -99,4 +99,35 @@ inline nlohmann::json sample_summary(std::string const& file, char const* format
           {{"name", "chr2"}, {"length", 500}, {"records", 1}, {"mapped", 1}, {"unmapped", 0}}}}};
 }
 
+// A BAM file's header text and reference list that contradict each other.
+struct ListCase {
+    char const* label;
+    char const* text;
+    std::vector<Reference> list;
+    char const* difference;  // as the message has it, behind "reference "
+};
+
+constexpr char const* BOTH_LINES = "@SQ\tSN:chr1\tLN:1000\n@SQ\tSN:chr2\tLN:500\n";
+
+inline std::vector<ListCase> const LIST_CASES = {
+    {"list too short", BOTH_LINES, {{"chr1", 1000}}, "2: chr2 of 500 bases and nothing"},
+    {"list empty", BOTH_LINES, {}, "1: chr1 of 1000 bases and nothing"},
+    {"list too long",
+     BOTH_LINES,
+     {{"chr1", 1000}, {"chr2", 500}, {"chr3", 7}},
+     "3: nothing and chr3 of 7 bases"},
+    {"other name",
+     BOTH_LINES,
+     {{"chr1", 1000}, {"chrX", 500}},
+     "2: chr2 of 500 bases and chrX of 500 bases"},
+    {"other length",
+     BOTH_LINES,
+     {{"chr1", 1001}, {"chr2", 500}},
+     "1: chr1 of 1000 bases and chr1 of 1001 bases"},
+    {"other order",
+     BOTH_LINES,
+     {{"chr2", 500}, {"chr1", 1000}},
+     "1: chr1 of 1000 bases and chr2 of 500 bases"},
+};
+
 }  // namespace tesk::test
