@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <exception>
 #include <limits>
@@ -399,11 +400,13 @@ std::string bai_limit_error(std::string const& path, Header const& header, std::
                             std::string const& max_name) {
     std::string const limit =
         "a BAI index cannot hold positions beyond " + std::to_string(BAI_MAX_END);
-    for (RefSeq const& reference : header.references()) {
-        if (reference.length > BAI_MAX_END) {
-            return path + ": reference " + reference.name + " has " +
-                   std::to_string(reference.length) + " bases; " + limit;
-        }
+    auto const& references = header.references();
+    auto const too_long =
+        std::find_if(references.begin(), references.end(),
+                     [](RefSeq const& reference) { return reference.length > BAI_MAX_END; });
+    if (too_long != references.end()) {
+        return path + ": reference " + too_long->name + " has " + std::to_string(too_long->length) +
+               " bases; " + limit;
     }
     if (max_end <= BAI_MAX_END) return {};
     return path + ": record " + max_name + " ends at " + std::to_string(max_end) + "; " + limit;

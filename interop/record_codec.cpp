@@ -1,7 +1,5 @@
 #include "interop/record_codec.h"
 
-#include <locale.h>  // newlocale() is POSIX
-#include <stdlib.h>  // strtof_l() is glibc's
 #if defined(__x86_64__)
 #include <immintrin.h>
 #endif
@@ -10,7 +8,9 @@
 #include <array>
 #include <cfloat>
 #include <charconv>
+#include <clocale>  // with POSIX's newlocale()
 #include <cmath>
+#include <cstdlib>  // with glibc's strtof_l()
 #include <cstring>
 #include <exception>
 #include <limits>
