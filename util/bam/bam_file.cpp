@@ -17,6 +17,13 @@
 #include <boost/algorithm/string/split.hpp>
 #include <gsl/util>
 
+// Vectors of 16 bytes, which every x86-64 has; TESK_BAM_PORTABLE does without. What
+// needs SSSE3 asks for it when it runs.
+#if defined(__SSE2__) && !defined(TESK_BAM_PORTABLE)
+#define TESK_BAM_SSE2
+#include <tmmintrin.h>
+#endif
+
 #define ZLIB_CONST  // zlib then takes its input through pointers to const
 #include <zlib.h>
 
@@ -47,7 +54,7 @@ constexpr std::uint32_t CIGAR_OP_MASK = 0xF;
 constexpr std::size_t MAX_CIGAR_OPS = 65535;
 
 // Printable qualities begin at '!'; the whole of a missing QUAL is this byte.
-constexpr int PHRED_OFFSET = 33;
+constexpr char PHRED_OFFSET = 33;
 constexpr char MISSING_QUAL = '\xFF';
 
 // Element types of a B array. Letters outside the table have no width.
@@ -97,14 +104,130 @@ bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
-// Whether any of eight bytes is a blank or a control character.
-bool has_blank_or_control(char const* bytes) {
-    constexpr std::uint64_t EACH = 0x0101010101010101U;
-    std::uint64_t eight = 0;
-    std::memcpy(&eight, bytes, sizeof eight);
-    // A byte below '!' borrows from its highest bit, unless it has that bit.
-    return ((eight - EACH * '!') & ~eight & (EACH * 0x80)) != 0;
+// Sets of bytes, found in sixteen bytes at a time.
+struct BlanksAndControls {};
+struct Digits {};
+struct Char {
+    char c;
+};
+
+#ifdef TESK_BAM_SSE2
+
+// Whether bytes, read without a sign, are at most so much.
+__m128i are_at_most(__m128i bytes, char largest) {
+    return _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(largest)), bytes);
 }
+
+__m128i are_in(__m128i bytes, BlanksAndControls) { return are_at_most(bytes, ' '); }
+__m128i are_in(__m128i bytes, Digits) {
+    return are_at_most(_mm_sub_epi8(bytes, _mm_set1_epi8('0')), 9);
+}
+__m128i are_in(__m128i bytes, Char letter) {
+    return _mm_cmpeq_epi8(bytes, _mm_set1_epi8(letter.c));
+}
+
+__m128i load_16(void const* bytes) { return _mm_loadu_si128(static_cast<__m128i const*>(bytes)); }
+
+// Which of sixteen bytes are in a set, as bits, the first byte the lowest.
+template <typename Set>
+std::uint32_t find_in_16(char const* bytes, Set set) {
+    return static_cast<std::uint32_t>(_mm_movemask_epi8(are_in(load_16(bytes), set)));
+}
+
+#else
+
+bool is_in(char byte, BlanksAndControls) { return static_cast<unsigned char>(byte) <= ' '; }
+bool is_in(char byte, Digits) { return is_digit(byte); }
+bool is_in(char byte, Char letter) { return byte == letter.c; }
+
+template <typename Set>
+std::uint32_t find_in_16(char const* bytes, Set set) {
+    std::uint32_t bits = 0;
+    for (unsigned i = 0; i < 16; ++i) bits |= (is_in(bytes[i], set) ? 1U : 0U) << i;
+    return bits;
+}
+
+#endif
+
+// The same of 64 bytes.
+template <typename Set>
+std::uint64_t find_in_64(char const* bytes, Set set) {
+    std::uint64_t bits = 0;
+    for (unsigned i = 0; i < 64; i += 16) {
+        bits |= std::uint64_t{find_in_16(bytes + i, set)} << i;
+    }
+    return bits;
+}
+
+// Whether any of 64 bytes is in a set.
+template <typename Set>
+bool is_any_in_64(char const* bytes, Set set) {
+#ifdef TESK_BAM_SSE2
+    __m128i const first =
+        _mm_or_si128(are_in(load_16(bytes), set), are_in(load_16(bytes + 16), set));
+    __m128i const last =
+        _mm_or_si128(are_in(load_16(bytes + 32), set), are_in(load_16(bytes + 48), set));
+    return _mm_movemask_epi8(_mm_or_si128(first, last)) != 0;
+#else
+    return find_in_64(bytes, set) != 0;
+#endif
+}
+
+// Place of the lowest bit that is set; there is one.
+unsigned lowest_bit(std::uint64_t bits) { return static_cast<unsigned>(__builtin_ctzll(bits)); }
+
+// How many characters of a text are in a set.
+template <typename Set>
+std::size_t count_in(std::string_view text, Set set) {
+    std::size_t count = 0;
+    while (text.size() >= 16) {
+#ifdef TESK_BAM_SSE2
+        // Sixteen sums, which take 255 steps without overflow.
+        __m128i sums = _mm_setzero_si128();
+        std::size_t const n_steps = std::min<std::size_t>(255, text.size() / 16);
+        for (std::size_t step = 0; step < n_steps; ++step) {
+            sums = _mm_sub_epi8(sums, are_in(load_16(text.data() + 16 * step), set));
+        }
+        sums = _mm_sad_epu8(sums, _mm_setzero_si128());
+        count += static_cast<std::size_t>(_mm_cvtsi128_si64(sums)) +
+                 static_cast<std::size_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(sums, sums)));
+        text.remove_prefix(16 * n_steps);
+#else
+        for (std::uint32_t bits = find_in_16(text.data(), set); bits != 0; bits &= bits - 1)
+            ++count;
+        text.remove_prefix(16);
+#endif
+    }
+    char last[16] = {};
+    if (text.empty()) return count;
+    std::memcpy(last, text.data(), text.size());
+    std::uint32_t bits = find_in_16(last, set) & ((1U << text.size()) - 1);
+    for (; bits != 0; bits &= bits - 1) ++count;
+    return count;
+}
+
+// Copies bytes, a number added to each.
+void copy_adding(char const* from, std::size_t n, char addend, char* to) {
+    std::size_t i = 0;
+#ifdef TESK_BAM_SSE2
+    for (; n - i >= 16; i += 16) {
+        __m128i const sums = _mm_add_epi8(load_16(from + i), _mm_set1_epi8(addend));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(to + i), sums);
+    }
+#endif
+    for (; i < n; ++i) to[i] = static_cast<char>(from[i] + addend);
+}
+
+// A number of one to four digits. Four characters are read in any case.
+std::uint32_t short_number(char const* digits, std::size_t n_digits) {
+    std::uint32_t word = 0;
+    std::memcpy(&word, digits, sizeof word);
+    // The last digit into the highest byte; zeros stand before the first one.
+    word = (word << (32 - 8 * n_digits)) & 0x0F0F0F0FU;
+    std::uint32_t const pairs = ((word * (10U << 8U | 1U)) >> 8U) & 0x00FF00FFU;
+    return (pairs * (100U << 16U | 1U)) >> 16U;
+}
+constexpr std::size_t MAX_SHORT_DIGITS = 4;
 
 // Reads words and numbers out of a text with the results of formatted stream
 // extraction in the classic locale: a read that fails makes all later ones
@@ -119,8 +242,7 @@ public:
     bool read_word(std::string_view& word) {
         if (!skip_space()) return false;
         char const* const begin = next_;
-        while (end_ - next_ >= 8 && !has_blank_or_control(next_)) next_ += 8;
-        while (next_ != end_ && !is_space(*next_)) ++next_;
+        next_ = find_space(next_);
         saw_end_ = next_ == end_;
         word = std::string_view(begin, static_cast<std::size_t>(next_ - begin));
         return true;
@@ -171,6 +293,20 @@ public:
     std::string_view rest() const { return {next_, static_cast<std::size_t>(end_ - next_)}; }
 
 private:
+    // The first white space from a place on, or the end.
+    char const* find_space(char const* from) const {
+        while (end_ - from >= 64 && !is_any_in_64(from, BlanksAndControls())) from += 64;
+        for (; end_ - from >= 16; from += 16) {
+            for (std::uint32_t bits = find_in_16(from, BlanksAndControls()); bits != 0;
+                 bits &= bits - 1) {
+                char const* const found = from + lowest_bit(bits);
+                if (is_space(*found)) return found;
+            }
+        }
+        while (from != end_ && !is_space(*from)) ++from;
+        return from;
+    }
+
     // Steps to the next word; fails where there is none.
     bool skip_space() {
         if (failed_) return false;
@@ -384,21 +520,31 @@ std::int32_t base_code(char base, std::map<char, std::int32_t> const& codes) {
 // Codes of CIGAR letters out of the handler's map, each letter looked up once.
 class OpCodes {
 public:
-    explicit OpCodes(std::map<char, std::int32_t> const& codes) : codes_(codes) {}
+    explicit OpCodes(std::map<char, std::int32_t> const& codes) : codes_(codes) {
+        valid_.fill(NOT_VALID);
+    }
 
     std::int32_t operator[](char letter) {
         auto const place = static_cast<unsigned char>(letter);
-        if (!is_known_[place]) {
-            is_known_[place] = true;
-            known_[place] = code_in(codes_, letter);
+        if (valid_[place] != NOT_VALID) return valid_[place] & CIGAR_OP_MASK;
+        std::int32_t const code = code_in(codes_, letter);
+        if (code >= 0 && static_cast<std::size_t>(code) < CIGAR_OP_CODES.size()) {
+            bool const has_reference = consumes_reference(static_cast<std::uint32_t>(code));
+            valid_[place] = static_cast<std::uint8_t>(code | (has_reference ? REFERENCE : 0));
         }
-        return known_[place];
+        return code;
     }
+
+    // Of a letter that has been looked up: its code, and REFERENCE where the operation
+    // consumes the reference. NOT_VALID for a letter without a code, or one that has
+    // not been looked up.
+    std::uint8_t valid(char letter) const { return valid_[static_cast<unsigned char>(letter)]; }
+    static constexpr std::uint8_t REFERENCE = 0x10;
+    static constexpr std::uint8_t NOT_VALID = 0xFF;
 
 private:
     std::map<char, std::int32_t> const& codes_;
-    std::bitset<256> is_known_;
-    std::array<std::int32_t, 256> known_;
+    std::array<std::uint8_t, 256> valid_;
 };
 
 template <typename Integer>
@@ -438,10 +584,214 @@ std::int32_t read_cigar_length(char const*& next, char const* end, char const*& 
 // Upper bound of the operations in a CIGAR text, exact for a well-formed one:
 // every operation takes a character that is no digit, or the end of the text.
 std::size_t count_cigar_ops(std::string_view text) {
-    auto const letters =
-        std::count_if(text.begin(), text.end(), [](char c) { return !is_digit(c); });
-    return static_cast<std::size_t>(letters) + (!text.empty() && is_digit(text.back()) ? 1 : 0);
+    std::size_t const n_letters = text.size() - count_in(text, Digits());
+    return n_letters + (!text.empty() && is_digit(text.back()) ? 1 : 0);
 }
+
+#ifdef TESK_BAM_SSE2
+
+// How a vector register takes the first operations of a CIGAR text apart, up to four
+// of one to three digits and a letter within twelve characters: by where these have
+// letters, as bits. Each operation becomes four bytes: three for digits, zeros before
+// the first, and the letter.
+constexpr unsigned SHUFFLED_CHARS = 12;
+struct CigarShuffle {
+    std::uint8_t control[16];  // which character becomes a byte; 128 for a zero
+    std::uint8_t n_ops;
+    std::uint8_t n_chars;
+};
+using CigarShuffles = std::array<CigarShuffle, 1U << SHUFFLED_CHARS>;
+
+constexpr CigarShuffles make_cigar_shuffles() {
+    constexpr std::uint8_t ZERO = 128;
+    CigarShuffles shuffles{};
+    for (unsigned letters = 0; letters < shuffles.size(); ++letters) {
+        CigarShuffle& shuffle = shuffles[letters];
+        for (std::uint8_t& source : shuffle.control) source = ZERO;
+        for (std::uint8_t place = 0; place < SHUFFLED_CHARS && shuffle.n_ops < 4; ++place) {
+            if ((letters >> place & 1U) == 0) continue;
+            int const n_digits = place - shuffle.n_chars;
+            if (n_digits < 1 || n_digits > 3) break;
+            for (int i = 0; i <= n_digits; ++i) {
+                shuffle.control[4 * shuffle.n_ops + 3 - i] = static_cast<std::uint8_t>(place - i);
+            }
+            shuffle.n_ops++;
+            shuffle.n_chars = static_cast<std::uint8_t>(place + 1);
+        }
+    }
+    return shuffles;
+}
+constexpr CigarShuffles CIGAR_SHUFFLES = make_cigar_shuffles();
+
+// Packs many operations of few digits at a time.
+class ManyOpsPacker {
+public:
+    static bool is_supported() { return __builtin_cpu_supports("ssse3") != 0; }
+
+    explicit ManyOpsPacker(OpCodes& codes) {
+        for (char const letter : CIGAR_OP_CODES) {
+            codes[letter];
+            if (codes.valid(letter) == OpCodes::NOT_VALID) continue;
+            letters_[place_of(letter)] = letter;
+            codes_[place_of(letter)] = static_cast<char>(codes.valid(letter));
+        }
+    }
+
+    // Packs operations from `next` on, which are written at `out`; adds their bases of
+    // the reference to a sum. Stops at an operation of another kind, and before the end
+    // of text or room.
+    __attribute__((target("ssse3"))) void pack(char const*& next, char const* end,
+                                               std::uint32_t*& out, std::uint32_t const* out_end,
+                                               std::uint64_t& reference_length) const {
+        constexpr unsigned GROUP = 64;
+        constexpr int ALL_OPS = 0xF;
+        __m128i const letters_of_codes = load_16(letters_);
+        __m128i const codes = load_16(codes_);
+        __m128i const low_half = _mm_set1_epi32(0xF);
+        __m128i const reference_bit = _mm_set1_epi32(OpCodes::REFERENCE);
+        __m128i const weights = _mm_set1_epi32(1 << 16 | 10 << 8 | 100);
+        __m128i const ones = _mm_set1_epi16(1);
+        bool is_stopped = false;
+        // A load may reach a few characters behind the group.
+        while (!is_stopped && end - next >= GROUP + 16) {
+            std::uint64_t const letters = ~find_in_64(next, Digits());
+            unsigned place = 0;
+            __m128i lengths_of_reference = _mm_setzero_si128();
+            while (place <= GROUP - SHUFFLED_CHARS) {
+                CigarShuffle const& shuffle =
+                    CIGAR_SHUFFLES[letters >> place & (CIGAR_SHUFFLES.size() - 1)];
+                __m128i const ops =
+                    _mm_shuffle_epi8(load_16(next + place), load_16(shuffle.control));
+                __m128i const digits = _mm_and_si128(ops, _mm_set1_epi32(0x000F0F0F));
+                __m128i const lengths = _mm_madd_epi16(_mm_maddubs_epi16(digits, weights), ones);
+                __m128i const op_letters = _mm_srli_epi32(ops, 24);
+                __m128i const places =
+                    _mm_and_si128(_mm_xor_si128(op_letters, _mm_srli_epi32(ops, 25)), low_half);
+                __m128i const expected = _mm_shuffle_epi8(letters_of_codes, places);
+                int const valid = _mm_movemask_ps(_mm_castsi128_ps(
+                    _mm_cmpeq_epi32(_mm_and_si128(expected, _mm_set1_epi32(0xFF)), op_letters)));
+                is_stopped = shuffle.n_ops == 0 || valid != ALL_OPS || out_end - out < 4;
+                if (is_stopped) break;
+                __m128i const op_codes = _mm_shuffle_epi8(codes, places);
+                __m128i const words = _mm_or_si128(_mm_slli_epi32(lengths, CIGAR_OP_SHIFT),
+                                                   _mm_and_si128(op_codes, low_half));
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(out), words);
+                __m128i const has_reference =
+                    _mm_cmpeq_epi32(_mm_and_si128(op_codes, reference_bit), reference_bit);
+                lengths_of_reference =
+                    _mm_add_epi32(lengths_of_reference, _mm_and_si128(lengths, has_reference));
+                out += shuffle.n_ops;
+                place += shuffle.n_chars;
+            }
+            next += place;
+            std::uint32_t sums[4];
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(sums), lengths_of_reference);
+            reference_length += std::uint64_t{sums[0]} + sums[1] + sums[2] + sums[3];
+        }
+    }
+
+private:
+    // A place of its own for each letter, other than 0, which bytes of zero have.
+    static unsigned place_of(char letter) {
+        auto const bits = static_cast<unsigned char>(letter);
+        return (bits ^ bits >> 1U) & 0xFU;
+    }
+
+    char letters_[16] = {};
+    char codes_[16] = {};
+};
+
+#endif
+
+// Packs CIGAR operations, as many as there is room for at `out`.
+class CigarPacker {
+public:
+    // Of `ops` there are enough.
+    CigarPacker(std::string_view text, OpCodes& codes, std::vector<std::uint32_t>& ops)
+        : codes_(codes),
+          next_(text.data()),
+          end_(text.data() + text.size()),
+          blanks_end_(text.data()),
+          out_(ops.data()),
+          out_end_(ops.data() + ops.size()) {}
+
+    // Packs all; false, with the letter at fault, where one has no code.
+    bool pack(char& letter) {
+#ifdef TESK_BAM_SSE2
+        constexpr std::ptrdiff_t LONG_TEXT = 512;
+        if (end_ - next_ >= LONG_TEXT && ManyOpsPacker::is_supported()) {
+            ManyOpsPacker const packer(codes_);
+            while (end_ - next_ >= LONG_TEXT) {
+                packer.pack(next_, end_, out_, out_end_, reference_length_);
+                if (!pack_op(letter)) return false;
+            }
+        }
+#endif
+        while (next_ < end_) {
+            pack_short_ops();
+            if (next_ < end_ && !pack_op(letter)) return false;
+        }
+        return true;
+    }
+
+    std::uint32_t const* out() const { return out_; }
+    std::uint64_t reference_length() const { return reference_length_; }
+
+private:
+    // Packs operations as nearly all are: a number of few digits, and a letter that
+    // has a code. Stops at another one, and before the end.
+    void pack_short_ops() {
+        constexpr std::ptrdiff_t GROUP = 64;
+        std::uint32_t* out = out_;
+        std::uint64_t length_sum = 0;
+        // Of a number at a group's end a few characters behind are read.
+        while (end_ - next_ >= GROUP + static_cast<std::ptrdiff_t>(MAX_SHORT_DIGITS)) {
+            char const* number = next_;
+            std::uint64_t letters = ~find_in_64(next_, Digits());
+            for (; letters != 0; letters &= letters - 1) {
+                char const* const letter = next_ + lowest_bit(letters);
+                auto const n_digits = static_cast<std::size_t>(letter - number);
+                std::uint32_t const code = codes_.valid(*letter);
+                if (n_digits - 1 >= MAX_SHORT_DIGITS || code == OpCodes::NOT_VALID) break;
+                std::uint32_t const length = short_number(number, n_digits);
+                *out++ = length << CIGAR_OP_SHIFT | (code & CIGAR_OP_MASK);
+                length_sum += length & (0U - (code / OpCodes::REFERENCE));
+                number = letter + 1;
+            }
+            bool const is_stopped = letters != 0 || number == next_;
+            next_ = number;
+            if (is_stopped) break;
+        }
+        out_ = out;
+        reference_length_ += length_sum;
+    }
+
+    // Packs one operation, whatever it is.
+    bool pack_op(char& letter) {
+        std::int32_t const length =
+            next_ < blanks_end_ ? 0 : read_cigar_length(next_, end_, blanks_end_);
+        letter = next_ == end_ ? '\0' : *next_;
+        std::int32_t const code = codes_[letter];
+        // Deliberate: compared as signed, so that an unknown letter, code -1,
+        // passes and becomes a word of all ones.
+        if (code >= static_cast<std::int32_t>(CIGAR_OP_CODES.size())) return false;
+        if (consumes_reference(static_cast<std::uint32_t>(code))) {
+            reference_length_ += static_cast<std::uint64_t>(std::int64_t{length});
+        }
+        *out_++ =
+            static_cast<std::uint32_t>(length) << CIGAR_OP_SHIFT | static_cast<std::uint32_t>(code);
+        if (next_ != end_) ++next_;
+        return true;
+    }
+
+    OpCodes& codes_;
+    char const* next_;
+    char const* end_;
+    char const* blanks_end_;  // where no number begins before
+    std::uint32_t* out_;
+    std::uint32_t const* out_end_;
+    std::uint64_t reference_length_ = 0;
+};
 
 bool pack_cigar(std::string_view text, BamRecord& record, unsigned long& ref_len,
                 unsigned long seq_len, std::map<char, std::int32_t> const& op_codes,
@@ -450,29 +800,15 @@ bool pack_cigar(std::string_view text, BamRecord& record, unsigned long& ref_len
         ref_len = 1;
         return true;
     }
-    ref_len = 0;
     record.cigar.clear();
-    record.cigar.reserve(count_cigar_ops(text));
+    record.cigar.resize(count_cigar_ops(text));
     OpCodes codes(op_codes);
-    char const* const end = text.data() + text.size();
-    char const* blanks_end = text.data();
-    for (char const* next = text.data(); next < end; ++next) {
-        std::int32_t const length =
-            next < blanks_end ? 0 : read_cigar_length(next, end, blanks_end);
-        char const letter = next == end ? '\0' : *next;
-        std::int32_t const code = codes[letter];
-        // Deliberate: compared as signed, so that an unknown letter, code -1,
-        // passes and becomes a word of all ones.
-        if (code >= static_cast<std::int32_t>(CIGAR_OP_CODES.size())) {
-            return fail(error, std::string("Invalid cigar op detected: '") + letter + "'");
-        }
-        if (consumes_reference(static_cast<std::uint32_t>(code))) {
-            ref_len += static_cast<unsigned long>(static_cast<long>(length));
-        }
-        record.cigar.push_back(static_cast<std::uint32_t>(length) << CIGAR_OP_SHIFT |
-                               static_cast<std::uint32_t>(code));
-        if (next == end) break;
-    }
+    CigarPacker packer(text, codes, record.cigar);
+    char letter = '\0';
+    bool const done = packer.pack(letter);
+    record.cigar.resize(static_cast<std::size_t>(packer.out() - record.cigar.data()));
+    ref_len = packer.reference_length();
+    if (!done) return fail(error, std::string("Invalid cigar op detected: '") + letter + "'");
     if (record.cigar.capacity() != record.cigar.size()) record.cigar.shrink_to_fit();
     if (record.cigar.size() <= MAX_CIGAR_OPS) return true;
 
@@ -500,6 +836,37 @@ bool pack_known_pairs(char const* bases, std::size_t n_pairs, std::uint8_t* pack
     return unknown >= 0;
 }
 
+// Packs eight pairs of bases; false where one is not of A, C, G, T and N.
+#ifdef TESK_BAM_SSE2
+bool pack_common_bases(char const* bases, std::uint8_t* packed) {
+    __m128i const letters = load_16(bases);
+    __m128i codes = _mm_setzero_si128();
+    for (char const letter : {'A', 'C', 'G', 'T', 'N'}) {
+        __m128i const code = _mm_set1_epi8(SEQ_TABLE[static_cast<unsigned char>(letter)]);
+        codes = _mm_or_si128(codes, _mm_and_si128(are_in(letters, Char{letter}), code));
+    }
+    __m128i const unknown = _mm_cmpeq_epi8(codes, _mm_setzero_si128());
+    // Of each pair the first base is the low byte, and becomes the high half.
+    __m128i const high = _mm_and_si128(_mm_slli_epi16(codes, 4), _mm_set1_epi16(0xF0));
+    __m128i const pairs = _mm_or_si128(high, _mm_srli_epi16(codes, 8));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(packed), _mm_packus_epi16(pairs, pairs));
+    return _mm_movemask_epi8(unknown) == 0;
+}
+#else
+bool pack_common_bases(char const*, std::uint8_t*) { return false; }
+#endif
+
+// Packs pairs of bases; false where one is not in the constant table.
+bool pack_pairs(char const* bases, std::size_t n_pairs, std::uint8_t* packed) {
+    std::size_t k = 0;
+    for (; n_pairs - k >= 8; k += 8) {
+        bool const done = pack_common_bases(bases + 2 * k, packed + k) ||
+                          pack_known_pairs(bases + 2 * k, 8, packed + k);
+        if (!done) return false;
+    }
+    return pack_known_pairs(bases + 2 * k, n_pairs - k, packed + k);
+}
+
 bool pack_seq(std::string_view text, BamRecord& record, std::map<char, std::int32_t> const& codes,
               std::string& error) {
     if (text == "*") return true;
@@ -509,7 +876,7 @@ bool pack_seq(std::string_view text, BamRecord& record, std::map<char, std::int3
     record.l_seq = static_cast<std::int32_t>(text.size());
     record.seq.resize((text.size() + 1) / 2);
     std::size_t const n_pairs = text.size() / 2;
-    bool const done = pack_known_pairs(text.data(), n_pairs, record.seq.data());
+    bool const done = pack_pairs(text.data(), n_pairs, record.seq.data());
     for (std::size_t k = 0; k < n_pairs && !done; ++k) {
         // An unknown base, -1, is the largest of numbers without a sign.
         auto const high = static_cast<std::uint32_t>(base_code(text[2 * k], codes));
@@ -534,12 +901,8 @@ void pack_phred(std::string_view text, BamRecord& record) {
         record.qual.assign(n_bases, MISSING_QUAL);
         return;
     }
-    record.qual.resize(n_bases);
-    std::size_t const n_scores = std::min(n_bases, text.size());
-    for (std::size_t i = 0; i < n_scores; ++i) {
-        record.qual[i] = static_cast<char>(text[i] - PHRED_OFFSET);
-    }
-    std::fill(record.qual.begin() + static_cast<std::ptrdiff_t>(n_scores), record.qual.end(), '\0');
+    record.qual.assign(n_bases, '\0');
+    copy_adding(text.data(), std::min(n_bases, text.size()), -PHRED_OFFSET, record.qual.data());
 }
 
 // The number at the beginning of an optional value, as std::stoi reads it;
@@ -581,11 +944,78 @@ void put_array_element(BamBuffer& out, char type, std::string_view text) {
     }
 }
 
+// Takes the digits of 64 characters, each of which stands before a comma.
+void take_single_digits(char const* text, char* digits) {
+#ifdef TESK_BAM_SSE2
+    __m128i const digit_bits = _mm_set1_epi16(0xF);
+    for (unsigned i = 0; i < 2; ++i) {
+        __m128i const first = _mm_and_si128(load_16(text + 32 * i), digit_bits);
+        __m128i const second = _mm_and_si128(load_16(text + 32 * i + 16), digit_bits);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(digits + 16 * i),
+                         _mm_packus_epi16(first, second));
+    }
+#else
+    for (unsigned i = 0; i < 32; ++i) digits[i] = static_cast<char>(text[2 * i] - '0');
+#endif
+}
+
+// Parses elements of an array as nearly all are, numbers of few digits without a
+// sign, each with its comma. Stops at another one, and before the end of text or
+// room.
+template <typename Element>
+void parse_short_elements(char const*& next, char const* end, BamBuffer& out) {
+    constexpr std::ptrdiff_t GROUP = 64;
+    constexpr std::size_t MAX_ELEMENTS = GROUP / 2;
+    constexpr std::uint64_t EVERY_SECOND = 0x5555555555555555U;
+    // Of a number at a group's end a few characters behind are read.
+    while (end - next >= GROUP + static_cast<std::ptrdiff_t>(MAX_SHORT_DIGITS) &&
+           out.size - out.pos >= MAX_ELEMENTS * sizeof(Element)) {
+        std::uint64_t commas = find_in_64(next, Char{','});
+        std::uint64_t const digits = find_in_64(next, Digits());
+        if (sizeof(Element) == 1 && digits == EVERY_SECOND && commas == ~EVERY_SECOND) {
+            take_single_digits(next, out.data + out.pos);
+            out.pos += MAX_ELEMENTS;
+            next += GROUP;
+            continue;
+        }
+        // What comes before the first character that is neither.
+        std::uint64_t const others = ~(digits | commas);
+        commas &= (others & (0 - others)) - 1;
+        char const* number = next;
+        char* place = out.data + out.pos;
+        for (; commas != 0; commas &= commas - 1) {
+            char const* const comma = next + lowest_bit(commas);
+            auto const n_digits = static_cast<std::size_t>(comma - number);
+            if (n_digits - 1 >= MAX_SHORT_DIGITS) break;
+            auto const element = static_cast<Element>(short_number(number, n_digits));
+            std::memcpy(place, &element, sizeof element);
+            place += sizeof element;
+            number = comma + 1;
+        }
+        out.pos = static_cast<std::size_t>(place - out.data);
+        bool const is_stopped = others != 0 || commas != 0 || number == next;
+        next = number;
+        if (is_stopped) return;
+    }
+}
+
+void parse_short_elements(char type, char const*& next, char const* end, BamBuffer& out) {
+    switch (type) {
+        case 'c':
+        case 'C': parse_short_elements<std::uint8_t>(next, end, out); break;
+        case 's':
+        case 'S': parse_short_elements<std::uint16_t>(next, end, out); break;
+        case 'i':
+        case 'I': parse_short_elements<std::uint32_t>(next, end, out); break;
+        default: break;
+    }
+}
+
 // Parses the value of a B field: element type, then the elements, separated by
 // commas. False where the type is unknown and there are elements.
 bool parse_array(std::string_view text, AuxNumericalArray& array) {
     array.type = text.empty() ? '\0' : text.front();
-    auto const n_commas = static_cast<std::size_t>(std::count(text.begin(), text.end(), ','));
+    std::size_t const n_commas = count_in(text, Char{','});
     array.count = static_cast<std::uint32_t>(n_commas);
     if (n_commas == 0) return true;
     std::uint32_t const width = element_width(array.type);
@@ -594,12 +1024,16 @@ bool parse_array(std::string_view text, AuxNumericalArray& array) {
     array.data.resize(n_commas * width);
     BamBuffer out{array.data.data(), array.data.size()};
     // What stands where the first comma belongs is skipped unchecked.
-    for (std::size_t begin = 2; begin <= text.size();) {
-        std::size_t const comma = std::min(text.find(',', begin), text.size());
-        put_array_element(out, array.type, text.substr(begin, comma - begin));
-        begin = comma + 1;
+    char const* const end = text.data() + text.size();
+    for (char const* next = text.data() + 2;;) {
+        parse_short_elements(array.type, next, end, out);
+        auto const* const comma =
+            static_cast<char const*>(std::memchr(next, ',', static_cast<std::size_t>(end - next)));
+        char const* const element_end = comma == nullptr ? end : comma;
+        put_array_element(out, array.type, {next, static_cast<std::size_t>(element_end - next)});
+        if (comma == nullptr) return true;
+        next = comma + 1;
     }
-    return true;
 }
 
 // Parses one optional field and appends it to `aux_data`.
@@ -628,7 +1062,38 @@ bool parse_optional_field(std::string_view field, std::vector<AuxData>& aux_data
             return fail(error, std::string("Invalid auxiliary data type) '") + type +
                                    "' found in alignment record in " + file_name);
     }
-    aux_data.push_back({std::string(field.substr(0, 2)), type, std::move(value)});
+    AuxData& parsed = aux_data.emplace_back();
+    parsed.tag.assign(field.data(), 2);
+    parsed.type = type;
+    parsed.value.swap(value);
+    return true;
+}
+
+// Parses optional fields, separated by tabs, and appends them to `aux_data`.
+bool parse_optional_fields(std::string_view fields, std::vector<AuxData>& aux_data,
+                           std::string const& file_name, std::string& error) {
+    // Found before they are parsed, so that room is made once.
+    constexpr std::size_t MAX_AT_ONCE = 32;
+    std::array<std::string_view, MAX_AT_ONCE> found;
+    for (bool has_more = true; has_more;) {
+        std::size_t n_found = 0;
+        while (has_more && n_found < MAX_AT_ONCE) {
+            std::size_t const tab = fields.find('\t');
+            found[n_found++] = fields.substr(0, tab);
+            // After a tab there is always one more field, if an empty one.
+            has_more = tab != std::string_view::npos;
+            if (has_more) fields.remove_prefix(tab + 1);
+        }
+        // A field and its tab have six characters at least; other tabs are a fault.
+        std::size_t const n_more =
+            has_more ? std::min(count_in(fields, Char{'\t'}), fields.size() / 6) + 1 : 0;
+        if (aux_data.capacity() - aux_data.size() < n_found + n_more) {
+            aux_data.reserve(aux_data.size() + n_found + n_more);
+        }
+        for (std::size_t i = 0; i < n_found; ++i) {
+            if (!parse_optional_field(found[i], aux_data, file_name, error)) return false;
+        }
+    }
     return true;
 }
 
@@ -882,18 +1347,7 @@ bool BAMFileHandler::parse_sam_fields(std::string_view line, BamRecord& record) 
     std::string_view rest = cursor.rest();
     if (rest.empty() || rest == "\r") return true;
     if (rest.front() == '\t') rest.remove_prefix(1);
-    auto const n_tabs = static_cast<std::size_t>(std::count(rest.begin(), rest.end(), '\t'));
-    // A field and its tab have six characters at least; other tabs are a fault.
-    record.aux_data.reserve(record.aux_data.size() + std::min(n_tabs, rest.size() / 6) + 1);
-    for (;;) {
-        std::size_t const tab = rest.find('\t');
-        if (!parse_optional_field(rest.substr(0, tab), record.aux_data, file_name, error_message)) {
-            return false;
-        }
-        // After a tab there is always one more field, if an empty one.
-        if (tab == std::string_view::npos) return true;
-        rest.remove_prefix(tab + 1);
-    }
+    return parse_optional_fields(rest, record.aux_data, file_name, error_message);
 }
 
 bool BAMFileHandler::parse_sam_line_to_bam_record(std::string const& line, BamRecord& record) {
