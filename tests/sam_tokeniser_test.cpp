@@ -4,6 +4,7 @@
 
 #include "util/bam/bam_file.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -644,6 +645,43 @@ public:
         return text;
     }
 
+    // A line with long columns and arrays, and with an oddity in about half of the
+    // lines.
+    std::string long_line() {
+        std::string const cigar = long_cigar(below(400));
+        std::string const seq = letters_of(one_in(8) ? "=ACMGRSVTWYHKDBNU" : "ACGTN", below(400));
+        std::string const qual = letters_of("!+5?I~", seq.size() + below(2));
+        SamLine line = SamLine().with(CIGAR, cigar).with(SEQ, seq + "A").with(QUAL, qual + "I");
+        std::size_t const n_fields = below(one_in(4) ? 80 : 4);
+        for (std::size_t i = 0; i < n_fields; ++i) {
+            line = line.field(one_in(2) ? "XB:B:" + long_array(below(200)) : "NM:i:7");
+        }
+        std::string text = line.text();
+        if (one_in(2)) change_bytes(text);
+        return text;
+    }
+
+    std::string long_cigar(std::size_t n_ops) {
+        std::string text = "5S";
+        bool const is_short = one_in(2);
+        for (std::size_t i = 0; i < n_ops; ++i) {
+            text += digits(is_short || !one_in(20) ? 3 : 11);
+            text += "MIDNSHP=X"[below(9)];
+        }
+        return text;
+    }
+
+    // Elements of one digit, of up to three, or of any number of digits and sign.
+    std::string long_array(std::size_t n_elements) {
+        std::string text(1, ELEMENT_LETTERS[below(6)]);
+        std::size_t const kind = below(3);
+        for (std::size_t i = 0; i < n_elements; ++i) {
+            text += kind == 2 && one_in(20) ? ",-" : ",";
+            text += digits(kind == 0 ? 1 : kind == 2 && one_in(20) ? 9 : 3);
+        }
+        return text;
+    }
+
     // A decimal number with digits and exponents of any size, where rounding is
     // hard now and then.
     std::string float_number() {
@@ -692,6 +730,15 @@ private:
             default: return may_be_odd_number && one_in(3) ? one_of(ODD_NUMBERS) : one_of(NUMBERS);
         }
     }
+
+    std::string letters_of(std::string_view letters, std::size_t n) {
+        std::string text;
+        for (std::size_t i = 0; i < n; ++i) text += letters[below(letters.size())];
+        return text;
+    }
+
+    // A number of one digit up to so many, with zeros in front now and then.
+    std::string digits(std::size_t most) { return letters_of("0123456789", 1 + below(most)); }
 
     std::string number(bool may_be_odd) {
         if (one_in(3)) return one_in(4) ? halfway_number() : float_number();
@@ -756,6 +803,118 @@ private:
 };
 
 // --- Tests -----------------------------------------------------------------
+
+// Puts an odd text at every place of a long one, and in the place of every character.
+template <typename MakeLine>
+void compare_odd_places(Comparison& comparison, std::string const& text, Texts const& odd_texts,
+                        MakeLine make_line) {
+    for (std::size_t place = 0; place <= text.size(); ++place) {
+        std::string const head = text.substr(0, place);
+        for (std::string const& odd : odd_texts) {
+            comparison.compare(make_line(head + odd + text.substr(place)));
+            comparison.compare(
+                make_line(head + odd + text.substr(std::min(place + 1, text.size()))));
+        }
+    }
+}
+
+TEST(SamTokeniser, LongCigar_OddTextAnywhere_ReadsAsWithStreams) {
+    Comparison comparison(reference_names());
+    LineGenerator random;
+    Texts const odd_texts = {"Q", "Z", " ", "-", "123", "99999", "\xFF", std::string(1, '\0')};
+    for (std::size_t const n_ops : {30U, 260U}) {
+        compare_odd_places(comparison, random.long_cigar(n_ops), odd_texts,
+                           [](auto const& cigar) { return SamLine().with(CIGAR, cigar).text(); });
+    }
+    EXPECT_EQ(comparison.n_differences(), 0U);
+    EXPECT_GT(comparison.count("accepted"), 1000U);
+    EXPECT_GT(comparison.count("Invalid cigar op detected"), 1000U);
+}
+
+TEST(SamTokeniser, LongCigar_WithLettersOfOtherCodes_FollowsTheMap) {
+    BAMFileHandler handler;
+    handler.cigar_op_codes['M'] = 2;
+    handler.cigar_op_codes['D'] = -1;
+    handler.cigar_op_codes['Y'] = 0;
+    std::string text;
+    std::vector<std::uint32_t> expected;
+    std::uint64_t expected_length = 0;
+    for (std::uint32_t i = 0; i < 400; ++i) {
+        text += std::to_string(i) + "MDYI"[i % 4];
+        std::uint32_t const codes[] = {2, 0xFFFFFFFF, 0, 1};
+        expected.push_back(i % 4 == 1 ? codes[1] : i << 4 | codes[i % 4]);
+        if (i % 4 == 0 || i % 4 == 2) expected_length += i;
+    }
+    BamRecord record;
+    unsigned long ref_length = 0;
+    ASSERT_TRUE(handler.pack_cigar_string(text, record, ref_length, 0));
+    EXPECT_EQ(record.cigar, expected);
+    EXPECT_EQ(ref_length, expected_length);
+}
+
+TEST(SamTokeniser, LongArray_OddTextAnywhere_ReadsAsWithStreams) {
+    Comparison comparison(reference_names());
+    Texts const odd_texts = {",", "-", " ", "x", "123", "99999", "4294967296", "+1", ""};
+    std::string const singles =
+        "1,0,1,1,0,0,1,0,1,0,1,0,1,1,1,0,0,1,0,1,0,0,1,1,0,1,0,1,1,0,0,1,0,1,0,"
+        "1,9,1,0,0,1,1,0,1,0,1,0,1,0,1,0,0,1,0,1,1,1,0,1,0";
+    std::string const mixed =
+        "255,0,17,128,3,99,100,254,1,10,42,77,200,5,5,5,64,32,16,8,4,2,1,0,190,13,"
+        "28,250,31,9,7,111,222,33,44,55,66,0,0,1000,300,256";
+    for (std::string const& elements : {singles, mixed}) {
+        for (char const letter : ELEMENT_LETTERS) {
+            compare_odd_places(comparison, elements, odd_texts, [&](auto const& text) {
+                return SamLine().field(std::string("XB:B:") + letter + ',' + text).text();
+            });
+        }
+    }
+    EXPECT_EQ(comparison.n_differences(), 0U);
+    EXPECT_GT(comparison.count("accepted"), 5000U);
+    EXPECT_GT(comparison.count(exception_text(std::out_of_range("stoi"))), 1000U);
+}
+
+TEST(SamTokeniser, LongSequence_OddBaseAnywhere_ReadsAsWithStreams) {
+    Comparison comparison(reference_names());
+    Texts const odd_texts = {"a", "U", "R", "=", ".", "", "\x80", "NN"};
+    std::string const bases = "ACGTNACGTTGCAACGTACGTNNACGTACGATCGATCGGCTAGGCTAGCTAGCATC";
+    compare_odd_places(comparison, bases, odd_texts,
+                       [](auto const& seq) { return SamLine().with(SEQ, seq).text(); });
+    EXPECT_EQ(comparison.n_differences(), 0U);
+    EXPECT_GT(comparison.count("accepted"), 100U);
+    EXPECT_GT(comparison.count("Invalid sequence code detected"), 100U);
+}
+
+TEST(SamTokeniser, LongWord_ControlCharacterAnywhere_EndsAtWhiteSpaceAlone) {
+    Comparison comparison(reference_names());
+    Texts const odd_texts = {"\x01", "\x1F", "\v", "\f", "\r", " ", "\n", "\t", "\x7F", "\x80"};
+    compare_odd_places(comparison, std::string(150, 'q'), odd_texts,
+                       [](auto const& name) { return SamLine().with(QNAME, name).text(); });
+    EXPECT_EQ(comparison.n_differences(), 0U);
+    EXPECT_GT(comparison.count("accepted"), 500U);
+    EXPECT_GT(comparison.count("Malformed SAM line detected"), 500U);
+}
+
+TEST(SamTokeniser, OptionalFields_AnyNumberOfThem_ReadAsWithStreams) {
+    Comparison comparison(reference_names());
+    SamLine line;
+    for (int i = 0; i < 140; ++i) {
+        comparison.compare(line.text());
+        comparison.compare(line.text() + '\t');
+        line = line.field("XI:i:" + std::to_string(i));
+    }
+    EXPECT_EQ(comparison.n_differences(), 0U);
+    EXPECT_EQ(comparison.count("accepted"), 140U);
+}
+
+TEST(SamTokeniser, GeneratedLongLines_TwentyThousand_ReadAsWithStreams) {
+    constexpr std::size_t N_LINES = 20000;
+    Comparison comparison(reference_names());
+    LineGenerator random;
+    for (std::size_t i = 0; i < N_LINES; ++i) comparison.compare(random.long_line());
+    EXPECT_EQ(comparison.n_differences(), 0U);
+    EXPECT_GT(comparison.count("accepted"), N_LINES / 4);
+    EXPECT_GT(comparison.n_accepted_with_fields(), N_LINES / 8);
+}
 
 TEST(SamTokeniser, Line_OddTextInAnyColumn_ReadsAsWithStreams) {
     Comparison comparison(reference_names());

@@ -598,6 +598,7 @@ constexpr unsigned SHUFFLED_CHARS = 12;
 struct CigarShuffle {
     std::uint8_t control[16];  // which character becomes a byte; 128 for a zero
     std::uint8_t n_ops;
+    std::uint8_t ops;  // a bit for each
     std::uint8_t n_chars;
 };
 using CigarShuffles = std::array<CigarShuffle, 1U << SHUFFLED_CHARS>;
@@ -615,6 +616,7 @@ constexpr CigarShuffles make_cigar_shuffles() {
             for (int i = 0; i <= n_digits; ++i) {
                 shuffle.control[4 * shuffle.n_ops + 3 - i] = static_cast<std::uint8_t>(place - i);
             }
+            shuffle.ops = static_cast<std::uint8_t>(shuffle.ops | 1U << shuffle.n_ops);
             shuffle.n_ops++;
             shuffle.n_chars = static_cast<std::uint8_t>(place + 1);
         }
@@ -644,7 +646,6 @@ public:
                                                std::uint32_t*& out, std::uint32_t const* out_end,
                                                std::uint64_t& reference_length) const {
         constexpr unsigned GROUP = 64;
-        constexpr int ALL_OPS = 0xF;
         __m128i const letters_of_codes = load_16(letters_);
         __m128i const codes = load_16(codes_);
         __m128i const low_half = _mm_set1_epi32(0xF);
@@ -668,9 +669,10 @@ public:
                 __m128i const places =
                     _mm_and_si128(_mm_xor_si128(op_letters, _mm_srli_epi32(ops, 25)), low_half);
                 __m128i const expected = _mm_shuffle_epi8(letters_of_codes, places);
-                int const valid = _mm_movemask_ps(_mm_castsi128_ps(
+                int const invalid = ~_mm_movemask_ps(_mm_castsi128_ps(
                     _mm_cmpeq_epi32(_mm_and_si128(expected, _mm_set1_epi32(0xFF)), op_letters)));
-                is_stopped = shuffle.n_ops == 0 || valid != ALL_OPS || out_end - out < 4;
+                is_stopped =
+                    shuffle.n_ops == 0 || (invalid & shuffle.ops) != 0 || out_end - out < 4;
                 if (is_stopped) break;
                 __m128i const op_codes = _mm_shuffle_epi8(codes, places);
                 __m128i const words = _mm_or_si128(_mm_slli_epi32(lengths, CIGAR_OP_SHIFT),
@@ -691,13 +693,13 @@ public:
     }
 
 private:
-    // A place of its own for each letter, other than 0, which bytes of zero have.
+    // A place of its own for each letter, other than 0, which a NUL has.
     static unsigned place_of(char letter) {
         auto const bits = static_cast<unsigned char>(letter);
         return (bits ^ bits >> 1U) & 0xFU;
     }
 
-    char letters_[16] = {};
+    char letters_[16] = {1};  // at place 0, too, no NUL
     char codes_[16] = {};
 };
 
