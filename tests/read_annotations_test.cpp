@@ -523,6 +523,35 @@ TEST(ModContext, SequenceMask_MotifOfThousandsOfLetters_IsFoundWhereItStands) {
     EXPECT_EQ(context.get_sequence_mask(std::string(3000, 'C')), expected);
 }
 
+// A motif without T, whose letters follow no pattern.
+std::string motif_of_length(std::size_t length) {
+    std::mt19937 random(20240616);
+    std::string motif;
+    while (motif.size() < length) motif += "ACG"[random() % 3];
+    return motif;
+}
+
+TEST(ModContext, SequenceMask_MotifThatBeginsAnywhere_MarksItsBaseAlone) {
+    for (std::size_t const length : {1U, 2U, 5U, 63U, 64U, 65U, 130U, 1025U}) {
+        std::string const motif = motif_of_length(length);
+        for (std::size_t const offset : {std::size_t{0}, length / 2, length - 1}) {
+            BaseModContext context;
+            context.set_context(motif, offset);
+            for (std::size_t begin = 0; begin < 1100; begin += begin % 64 == 2 ? 60 : 1) {
+                SCOPED_TRACE(std::to_string(length) + " letters at " + std::to_string(begin) +
+                             ", base at " + std::to_string(offset));
+                std::string sequence = std::string(begin, 'T') + motif;
+                Mask mask(sequence.size(), 0);
+                ASSERT_EQ(context.get_sequence_mask(sequence), mask) << "ends with the read";
+                sequence += 'T';
+                mask.push_back(0);
+                mask[begin + offset] = 1;
+                ASSERT_EQ(context.get_sequence_mask(sequence), mask);
+            }
+        }
+    }
+}
+
 TEST(ModContext, SequenceMask_OtherLetterAnywhere_ThrowsMapAt) {
     struct Case {
         char const* label;
@@ -966,6 +995,37 @@ TEST(ModifiedBases, SkipCounter_OfOneToFiveDigits_IsWrittenWhole) {
         SCOPED_TRACE(n);
         EXPECT_EQ(c_calls(std::string(n, 'C') + "AC").prob(n + 1, 2, 255).run(),
                   success("Mm:Z:C+m," + std::to_string(n) + ";\tMl:B:C,255"));
+    }
+}
+
+TEST(ModifiedBases, TwoCallsAnywhereInTheRead_SkipsCountedFromEach) {
+    for (std::size_t const length : {15U, 16U, 17U, 63U, 64U, 65U, 128U, 129U, 1024U, 1025U}) {
+        std::string sequence;
+        while (sequence.size() < length) sequence += sequence.size() % 5 == 2 ? 'G' : 'C';
+        // The ends of the read and of every 16 positions.
+        std::vector<std::size_t> places;
+        for (std::size_t i = 0; i < length; ++i) {
+            bool const is_edge = i % 16 == 0 || i % 16 == 15 || i + 1 == length;
+            if (is_edge && sequence[i] == 'C') places.push_back(i);
+        }
+        for (std::size_t k = 1; k < places.size(); ++k) {
+            std::size_t const first = places[k / 2];
+            std::size_t const second = places[k];
+            if (first == second) continue;
+            SCOPED_TRACE(std::to_string(first) + " and " + std::to_string(second) + " of " +
+                         std::to_string(length));
+            auto const n_c_before = [&](std::size_t position) {
+                return std::count(sequence.begin(),
+                                  sequence.begin() + static_cast<std::ptrdiff_t>(position), 'C');
+            };
+            auto const n_between = n_c_before(second) - n_c_before(first) - 1;
+            std::string const expected =
+                success("Mm:Z:C+m," + std::to_string(n_c_before(first)) + ',' +
+                        std::to_string(n_between) + ";\tMl:B:C,128,255");
+            Calls calls = c_calls(sequence).prob(first, 2, 128).prob(second, 2, 255);
+            ASSERT_EQ(calls.run(), expected);
+            ASSERT_EQ(calls.step(3).run(), expected) << "strided";
+        }
     }
 }
 

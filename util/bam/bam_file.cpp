@@ -15,6 +15,7 @@
 
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
+#include <boost/range/iterator_range.hpp>
 #include <gsl/util>
 
 // Vectors of 16 bytes, which every x86-64 has; TESK_BAM_PORTABLE does without. What
@@ -2831,17 +2832,35 @@ bool BAMFileHandler::print_index_from_file(std::string index_file) const {
 //
 // Static functions that turn a basecaller's output into SAM text: the columns of
 // an unmapped read, its move table, its modified-base calls. Which positions
-// are called is decided by a mask over the read, which a BaseModContext makes
-// from motifs and, for bases without one, from the probabilities.
+// are called is kept as bits, 64 positions to a block, beside the bits of where
+// each base stands: motifs and, for bases without one, probabilities set them.
 // ===========================================================================
 
 namespace {
 
 using ByteView = tesk::data_wrappers::VecView<unsigned char>;
 
+using namespace std::string_view_literals;
+
 constexpr std::string_view CANONICAL_BASES = "ACGT";
 
-bool is_canonical(char base) { return CANONICAL_BASES.find(base) != std::string_view::npos; }
+// What stands in the place of an index where a letter is no base.
+constexpr std::size_t NO_BASE = CANONICAL_BASES.size();
+
+constexpr std::array<std::uint8_t, 256> BASE_INDICES = [] {
+    std::array<std::uint8_t, 256> indices{};
+    for (std::uint8_t& index : indices) index = NO_BASE;
+    for (std::uint8_t i = 0; i < NO_BASE; ++i) {
+        indices[static_cast<unsigned char>(CANONICAL_BASES[i])] = i;
+    }
+    return indices;
+}();
+
+// Index of a base in CANONICAL_BASES; NO_BASE for another letter.
+std::size_t find_base(char letter) { return BASE_INDICES[static_cast<unsigned char>(letter)]; }
+
+// As a lookup in BaseModContext does.
+[[noreturn]] void throw_no_base() { throw std::out_of_range("map::at"); }
 
 // Whether an output string is one of the inputs, which must then be read first.
 template <typename... Inputs>
@@ -2849,48 +2868,67 @@ bool is_one_of_inputs(std::string const& out, Inputs const&... inputs) {
     return ((&out == &inputs) || ...);
 }
 
-// Short texts of all byte values, at hand without formatting.
-struct ByteText {
-    char text[12];
+// A short text at hand without formatting. Writing it copies all of its room.
+// Aligned, so that indexing a table of them is cheap.
+template <std::size_t N>
+struct alignas(8) ShortText {
+    char text[N];
     std::uint8_t length;
-};
-using ByteTexts = std::array<ByteText, 256>;
 
-constexpr void append_digits(ByteText& out, unsigned value) {
-    if (value >= 100) out.text[out.length++] = static_cast<char>('0' + value / 100);
-    if (value >= 10) out.text[out.length++] = static_cast<char>('0' + value / 10 % 10);
-    out.text[out.length++] = static_cast<char>('0' + value % 10);
-}
+    constexpr void append(char c) { text[length++] = c; }
+    constexpr void append_comma_and_number(unsigned value) {
+        append(',');
+        if (value >= 100) append(static_cast<char>('0' + value / 100));
+        if (value >= 10) append(static_cast<char>('0' + value / 10 % 10));
+        append(static_cast<char>('0' + value % 10));
+    }
+
+    // Returns the end of the text.
+    char* write(char* out) const {
+        std::memcpy(out, text, N);
+        return out + length;
+    }
+};
+
+// One text for each value of a byte.
+constexpr std::size_t BYTE_TEXT_BYTES = 4;
+constexpr std::size_t MOVE_TEXT_BYTES = 10;
+using ByteTexts = std::array<ShortText<BYTE_TEXT_BYTES>, 256>;
+using MoveTexts = std::array<ShortText<MOVE_TEXT_BYTES>, 256>;
 
 // ",0" to ",255".
 constexpr ByteTexts make_byte_texts() {
     ByteTexts texts{};
     for (unsigned value = 0; value < texts.size(); ++value) {
-        texts[value].text[texts[value].length++] = ',';
-        append_digits(texts[value], value);
+        texts[value].append_comma_and_number(value);
     }
     return texts;
 }
 
 // Entries of a move table as numbers of seven bits: runs of 127, then the rest,
 // which is there even when it is 0.
-constexpr ByteTexts make_move_texts() {
+constexpr MoveTexts make_move_texts() {
     constexpr unsigned RUN = 127;
-    ByteTexts texts{};
+    MoveTexts texts{};
     for (unsigned value = 0; value < texts.size(); ++value) {
         unsigned rest = value;
-        for (; rest >= RUN; rest -= RUN) {
-            texts[value].text[texts[value].length++] = ',';
-            append_digits(texts[value], RUN);
-        }
-        texts[value].text[texts[value].length++] = ',';
-        append_digits(texts[value], rest);
+        for (; rest >= RUN; rest -= RUN) texts[value].append_comma_and_number(RUN);
+        texts[value].append_comma_and_number(rest);
     }
     return texts;
 }
 
 constexpr ByteTexts BYTE_TEXTS = make_byte_texts();
-constexpr ByteTexts MOVE_TEXTS = make_move_texts();
+constexpr MoveTexts MOVE_TEXTS = make_move_texts();
+
+constexpr std::size_t MAX_NUMBER_TEXT_BYTES = 21;  // a comma and 20 digits
+
+// Writes ",n" for a number of any size. Returns the end of the text.
+char* write_comma_and_number(char* out, std::uint64_t number) {
+    if (number < BYTE_TEXTS.size()) return BYTE_TEXTS[number].write(out);
+    *out = ',';
+    return std::to_chars(out + 1, out + MAX_NUMBER_TEXT_BYTES, number).ptr;
+}
 
 // Appends many short texts to a string, gathered into larger pieces.
 class PieceWriter {
@@ -2899,61 +2937,40 @@ public:
     PieceWriter(PieceWriter const&) = delete;
     PieceWriter& operator=(PieceWriter const&) = delete;
 
-    // Adds n texts, the k-th one as the function gives it, which is by reference: a
-    // copy would be read back before it has reached memory.
-    template <typename TextOf>
-    void add_texts(std::size_t n, TextOf text_of) {
-        constexpr std::size_t ROOM = sizeof(ByteText::text);
-        for (std::size_t k = 0; k < n;) {
-            make_room(ROOM);
-            // Held in a register: to the compiler, chars written to the piece might
-            // change any member.
-            std::size_t size = size_;
-            for (; k < n && size + ROOM <= PIECE_BYTES; ++k) {
-                ByteText const& text = text_of(k);
-                std::memcpy(piece_ + size, text.text, ROOM);
-                size += text.length;
-            }
-            size_ = size;
+    // Takes texts of up to n bytes together: the function writes them where it is
+    // told to, and returns their end. It should hold that pointer in a local
+    // variable: to the compiler, chars written might change any member.
+    template <typename Write>
+    void add(std::size_t n, Write write) {
+        if (n > static_cast<std::size_t>(std::end(piece_) - next_)) flush();
+        next_ = write(next_);
+    }
+
+    // Adds texts of any length.
+    template <typename... Texts>
+    void add_texts(Texts... texts) {
+        std::size_t const n = (texts.size() + ...);
+        if (n > sizeof piece_) {
+            flush();
+            (out_.append(texts), ...);
+            return;
         }
-    }
-
-    void add_comma_and_number(std::uint64_t number) {
-        make_room(MAX_NUMBER_BYTES);
-        piece_[size_++] = ',';
-        char* const end = std::to_chars(piece_ + size_, std::end(piece_), number).ptr;
-        size_ = static_cast<std::size_t>(end - piece_);
-    }
-
-    // Adds numbers below 10, each after a comma.
-    template <std::size_t N>
-    void add_digits(std::array<unsigned char, N> const& digits) {
-        std::array<std::uint16_t, N> pairs;
-        std::transform(digits.begin(), digits.end(), pairs.begin(), [](unsigned char digit) {
-            return static_cast<std::uint16_t>(',' | ('0' + digit) << 8);
+        add(n, [&](char* next) {
+            ((next = std::copy(texts.begin(), texts.end(), next)), ...);
+            return next;
         });
-        make_room(sizeof pairs);
-        std::memcpy(piece_ + size_, pairs.data(), sizeof pairs);
-        size_ += sizeof pairs;
     }
 
     // Hands over what has been gathered; to be called at the end.
     void flush() {
-        out_.append(piece_, size_);
-        size_ = 0;
+        out_.append(piece_, next_);
+        next_ = piece_;
     }
 
 private:
-    static constexpr std::size_t PIECE_BYTES = 4096;
-    static constexpr std::size_t MAX_NUMBER_BYTES = 21;  // a comma and 20 digits
-
-    void make_room(std::size_t n) {
-        if (size_ + n > PIECE_BYTES) flush();
-    }
-
     std::string& out_;
-    char piece_[PIECE_BYTES];
-    std::size_t size_ = 0;
+    char piece_[4096];
+    char* next_ = piece_;
 };
 
 // Copies elements of a view, from the k-th on.
@@ -2966,176 +2983,287 @@ void copy_from(ByteView const& view, std::size_t k, std::array<unsigned char, N>
     }
 }
 
-// Positions that loops over a read take at a time, in arrays on the stack. These
-// loops have no branches, so that the compiler makes vector code of them.
-constexpr std::size_t CHUNK_BASES = 1024;
+// Writes numbers below 10, each after a comma. Returns their end.
+template <std::size_t N>
+char* write_digits(char* out, std::array<unsigned char, N> const& digits) {
+    std::array<std::uint16_t, N> pairs;
+    std::transform(digits.begin(), digits.end(), pairs.begin(), [](unsigned char digit) {
+        return static_cast<std::uint16_t>(',' | ('0' + digit) << 8);
+    });
+    std::memcpy(out, pairs.data(), sizeof pairs);
+    return out + sizeof pairs;
+}
 
-// Marks the base of a motif wherever the motif stands in a read. Deliberate: a
-// motif that ends with the read is not seen.
-template <typename Flag>
-void mark_motif(std::string_view sequence, std::string_view motif, std::size_t offset, Flag* mask) {
-    std::size_t const n_starts =
-        sequence.size() > motif.size() ? sequence.size() - motif.size() : 0;
-    for (std::size_t begin = 0; begin < n_starts; begin += CHUNK_BASES) {
-        std::size_t const n = std::min(CHUNK_BASES, n_starts - begin);
-        std::array<unsigned char, CHUNK_BASES> found;
-        std::fill_n(found.begin(), n, static_cast<unsigned char>(1));
-        for (std::size_t j = 0; j < motif.size(); ++j) {
-            // Long motifs are given up where nothing begins like them.
-            if (std::memchr(found.data(), 1, n) == nullptr) break;
-            char const* const bases = sequence.data() + begin + j;
-            char const letter = motif[j];
-            for (std::size_t i = 0; i < n; ++i) {
-                found[i] = static_cast<unsigned char>(found[i] & (bases[i] == letter ? 1 : 0));
-            }
+// Finds the code of a modification by its name; it may point into the name.
+bool find_mod_code(std::string_view name, std::string_view& code) {
+    // Deliberate: 5fc, unlike its neighbours, ends in lower case.
+    constexpr std::pair<std::string_view, std::string_view> CODES[] = {
+        {"6mA", "a"},   {"5mC", "m"},  {"5hmC", "h"}, {"5fc", "f"},  {"5caC", "c"},
+        {"8oxoG", "o"}, {"5hmU", "g"}, {"5fU", "e"},  {"5caU", "b"},
+    };
+    auto const* const known = std::find_if(std::begin(CODES), std::end(CODES),
+                                           [&](auto const& entry) { return entry.first == name; });
+    bool const is_known = known != std::end(CODES);
+    if (!is_known && !std::all_of(name.begin(), name.end(), is_digit)) return false;
+    code = is_known ? known->second : name;
+    return true;
+}
+
+bool fail_with_unknown_name(std::string& error, std::string_view name) {
+    return fail(error, "Unknown modified base abbreviation: " + std::string(name));
+}
+
+// A channel of a modification, and the index of the base that it modifies.
+struct ModChannel {
+    std::size_t column;
+    std::size_t base;
+};
+
+// Throws "map::at" for an alphabet that begins with a modification.
+std::vector<ModChannel> find_mod_channels(std::string_view alphabet) {
+    std::vector<ModChannel> channels;
+    channels.reserve(alphabet.size());
+    std::size_t base = NO_BASE;
+    for (std::size_t c = 0; c < alphabet.size(); ++c) {
+        std::size_t const letter = find_base(alphabet[c]);
+        if (letter != NO_BASE) {
+            base = letter;
+        } else if (base != NO_BASE) {
+            channels.push_back({c, base});
+        } else {
+            throw_no_base();
         }
-        Flag* const marks = mask + begin + offset;
-        for (std::size_t i = 0; i < n; ++i) marks[i] = static_cast<Flag>(marks[i] | found[i]);
+    }
+    return channels;
+}
+
+// The context of a base: letters that stand around it, none for no context. The
+// letter at the offset stands for the base, whatever it is.
+struct Motif {
+    std::string_view letters;
+    std::size_t offset = 0;
+};
+using Motifs = std::array<Motif, CANONICAL_BASES.size()>;  // by base index
+
+Motifs motifs_of(BaseModContext const& context) {
+    Motifs motifs;
+    for (std::size_t i = 0; i < motifs.size(); ++i) {
+        motifs[i] = {context.motif(CANONICAL_BASES[i]), context.motif_offset(CANONICAL_BASES[i])};
+    }
+    return motifs;
+}
+
+// Takes contexts over from their text form, which they then point into. False as
+// BaseModContext::decode(), with the same effect on the motifs.
+bool parse_motifs(std::string_view text, Motifs& motifs) {
+    std::vector<boost::iterator_range<std::string_view::iterator>> fields;
+    boost::split(fields, text, boost::is_any_of(":"));
+    if (fields.size() != motifs.size()) return false;
+    for (std::size_t i = 0; i < motifs.size(); ++i) {
+        std::string_view const field(fields[i].begin(), fields[i].size());
+        if (field == "_") {
+            motifs[i] = Motif();
+            continue;
+        }
+        std::size_t const offset = field.find('X');
+        if (offset == std::string_view::npos) return false;
+        motifs[i] = {field, offset};
+    }
+    return true;
+}
+
+// Some positions of a read, each a bit of a number, the first the lowest.
+using PositionBits = std::uint64_t;
+constexpr std::size_t BLOCK_BASES = 64;
+
+// 64 positions of a read: by base index, where the bases stand and which of them
+// are called.
+struct Block {
+    std::array<PositionBits, CANONICAL_BASES.size()> is_base;
+    std::array<PositionBits, CANONICAL_BASES.size()> is_called;
+};
+
+// The lowest n bits, all of them for 64 or more.
+PositionBits lowest_bits(std::size_t n) {
+    return n < BLOCK_BASES ? (PositionBits{1} << n) - 1 : ~PositionBits{0};
+}
+
+// Number of bits set: sums of pairs of bits, of four, of bytes, of all.
+unsigned count_bits(PositionBits bits) {
+    bits -= bits >> 1U & 0x5555555555555555U;
+    bits = (bits & 0x3333333333333333U) + (bits >> 2U & 0x3333333333333333U);
+    bits = (bits + (bits >> 4U)) & 0x0F0F0F0F0F0F0F0FU;
+    return static_cast<unsigned>(bits * 0x0101010101010101U >> 56U);
+}
+
+// Calls a function with the place of each bit set, and with all bits below it.
+template <typename Function>
+void for_each_bit(PositionBits bits, Function function) {
+    while (bits != 0) {
+        PositionBits const others_and_below = bits - 1;
+        function(lowest_bit(bits), others_and_below & ~bits);
+        bits &= others_and_below;
     }
 }
 
-// Whether a read has letters that are no bases.
-bool has_other_letters(std::string_view sequence) {
-    char const* const letters = sequence.data();
-    unsigned char all_known = 1;
-    for (std::size_t i = 0; i < sequence.size(); ++i) {
-        // A sum of bytes, each step cut to a byte, so that vectors stay of bytes.
-        unsigned char known = letters[i] == 'A' ? 1 : 0;
-        known = static_cast<unsigned char>(known + (letters[i] == 'C' ? 1 : 0));
-        known = static_cast<unsigned char>(known + (letters[i] == 'G' ? 1 : 0));
-        known = static_cast<unsigned char>(known + (letters[i] == 'T' ? 1 : 0));
-        all_known = static_cast<unsigned char>(all_known & known);
+// A read as blocks without calls. A block without bases follows the last ones, so
+// that every block with bases has a successor.
+std::vector<Block> make_blocks(std::string_view sequence) {
+    std::vector<Block> blocks(sequence.size() / BLOCK_BASES + 2);
+    auto const find_bases = [](Block& block, char const* letters) {
+        for (std::size_t i = 0; i < CANONICAL_BASES.size(); ++i) {
+            block.is_base[i] = find_in_64(letters, Char{CANONICAL_BASES[i]});
+        }
+    };
+    std::size_t const n_whole = sequence.size() / BLOCK_BASES;
+    for (std::size_t b = 0; b < n_whole; ++b) {
+        find_bases(blocks[b], sequence.data() + b * BLOCK_BASES);
     }
-    return all_known == 0;
+    std::array<char, BLOCK_BASES> rest{};
+    sequence.copy(rest.data(), rest.size(), n_whole * BLOCK_BASES);
+    find_bases(blocks[n_whole], rest.data());
+    return blocks;
+}
+
+// Whether a read has letters that are no bases.
+bool has_other_letters(std::size_t n_bases, std::vector<Block> const& blocks) {
+    auto const known_in = [](Block const& block) {
+        PositionBits known = 0;
+        for (PositionBits const is_base : block.is_base) known |= is_base;
+        return known;
+    };
+    std::size_t const n_whole = n_bases / BLOCK_BASES;
+    PositionBits unknown = known_in(blocks[n_whole]) ^ lowest_bits(n_bases % BLOCK_BASES);
+    for (std::size_t b = 0; b < n_whole; ++b) unknown |= ~known_in(blocks[b]);
+    return unknown != 0;
+}
+
+// Where a base stands among the 64 positions that begin anywhere in a block.
+PositionBits bits_from(Block const* block, std::size_t place, std::size_t base) {
+    PositionBits const next = block[1].is_base[base] << 1U << (BLOCK_BASES - 1 - place);
+    return block[0].is_base[base] >> place | next;
+}
+
+// Marks a base as called wherever its motif stands in a read. Deliberate: a motif
+// that ends with the read is not seen.
+void mark_motif(Motif const& motif, std::size_t base, std::size_t n_bases,
+                std::vector<Block>& blocks) {
+    std::size_t const n_letters = motif.letters.size();
+    std::size_t const n_starts = n_bases > n_letters ? n_bases - n_letters : 0;
+    // By letters, each for some blocks: long motifs are given up where nothing
+    // begins like them.
+    std::array<PositionBits, 16> found;
+    for (std::size_t begin = 0; begin < n_starts; begin += found.size() * BLOCK_BASES) {
+        std::size_t const n = std::min(found.size(), (n_starts - begin - 1) / BLOCK_BASES + 1);
+        for (std::size_t k = 0; k < n; ++k) {
+            found[k] = lowest_bits(n_starts - begin - k * BLOCK_BASES);
+        }
+        PositionBits any = 1;
+        for (std::size_t j = 0; j < n_letters && any != 0; ++j) {
+            std::size_t const letter = j == motif.offset ? base : find_base(motif.letters[j]);
+            if (letter == NO_BASE) return;
+            Block const* const block = &blocks[(begin + j) / BLOCK_BASES];
+            any = 0;
+            for (std::size_t k = 0; k < n; ++k) {
+                found[k] &= bits_from(block + k, j % BLOCK_BASES, letter);
+                any |= found[k];
+            }
+        }
+        Block* const block = &blocks[(begin + motif.offset) / BLOCK_BASES];
+        std::size_t const place = motif.offset % BLOCK_BASES;
+        for (std::size_t k = 0; k < n; ++k) {
+            block[k].is_called[base] |= found[k] << place;
+            block[k + 1].is_called[base] |= found[k] >> 1U >> (BLOCK_BASES - 1 - place);
+        }
+    }
 }
 
 // Marks the bases that stand in their context. Throws "map::at" where a letter
 // of the read is no base, also where no motif could match.
-template <typename Flag>
-void mark_contexts(BaseModContext const& context, std::string const& sequence, Flag* mask) {
-    if (has_other_letters(sequence)) {
-        context.motif(sequence[sequence.find_first_not_of(CANONICAL_BASES)]);
-    }
-    for (char const base : CANONICAL_BASES) {
-        std::string const& motif = context.motif(base);
-        if (!motif.empty()) mark_motif(sequence, motif, context.motif_offset(base), mask);
+void mark_contexts(Motifs const& motifs, std::string_view sequence, std::vector<Block>& blocks) {
+    if (has_other_letters(sequence.size(), blocks)) throw_no_base();
+    for (std::size_t base = 0; base < motifs.size(); ++base) {
+        if (!motifs[base].letters.empty()) {
+            mark_motif(motifs[base], base, sequence.size(), blocks);
+        }
     }
 }
 
-// Marks the bases without a context that have a modification channel which
-// reaches the threshold. Throws "map::at" for an alphabet that begins with a
-// modification.
-template <typename Flag>
-void mark_probable(BaseModContext const& context, std::string const& sequence,
-                   std::string const& alphabet, ByteView const& probs, unsigned char threshold,
-                   Flag* mask) {
-    std::size_t const row = alphabet.size() * probs.stride;
-    char base = '\0';
-    for (std::size_t c = 0; c < alphabet.size(); ++c) {
-        if (is_canonical(alphabet[c])) {
-            base = alphabet[c];
-            continue;
-        }
+// A column of the probabilities: that of one channel, by position in the read.
+ByteView column_of(ByteView const& probs, std::size_t column, std::size_t n_channels) {
+    std::size_t const n_rows = probs.size / n_channels;
+    return {n_rows == 0 ? probs.data : &probs[column], n_rows, probs.stride * n_channels};
+}
+
+// Marks the bases without a context that have a channel which reaches the
+// threshold.
+void mark_probable(Motifs const& motifs, std::vector<ModChannel> const& channels,
+                   std::size_t n_channels, ByteView const& probs, unsigned char threshold,
+                   std::vector<Block>& blocks) {
+    for (ModChannel const& channel : channels) {
         // Bases with a context are reported by their context alone.
-        if (!context.motif(base).empty()) continue;
-        // Local, since writing a mask of bytes might change anything else.
-        char const* const bases = sequence.data();
-        unsigned char const* const elements = probs.data;
-        std::size_t const offset = c * probs.stride;
-        std::size_t const n_bases = sequence.size();
-        for (std::size_t i = 0; i < n_bases; ++i) {
-            int const is_called =
-                (bases[i] == base ? 1 : 0) & (elements[i * row + offset] >= threshold ? 1 : 0);
-            mask[i] = is_called != 0 ? Flag{1} : mask[i];
+        if (!motifs[channel.base].letters.empty()) continue;
+        ByteView const column = column_of(probs, channel.column, n_channels);
+        std::size_t begin = 0;
+        for (Block& block : blocks) {
+            PositionBits called = block.is_called[channel.base];
+            for_each_bit(block.is_base[channel.base] & ~called, [&](std::size_t i, PositionBits) {
+                PositionBits const is_reached = column[begin + i] >= threshold ? 1 : 0;
+                called |= is_reached << i;  // a branch would go either way
+            });
+            block.is_called[channel.base] = called;
+            begin += BLOCK_BASES;
         }
     }
 }
 
-// One reported base of a read.
-struct Call {
-    std::size_t position;     // in the read
-    std::uint64_t n_skipped;  // bases of its kind between the call before and it
-};
-
-// Numbers of bits set in all bytes.
-constexpr std::array<std::uint8_t, 256> BIT_COUNTS = [] {
-    std::array<std::uint8_t, 256> counts{};
-    for (std::size_t i = 1; i < counts.size(); ++i) {
-        counts[i] = static_cast<std::uint8_t>(counts[i / 2] + i % 2);
-    }
-    return counts;
-}();
-
-// Eight flags of 0 or 1 as the bits of a byte, the first flag the lowest.
-unsigned to_bits(unsigned char const* flags) {
-    std::uint64_t bytes = 0;
-    std::memcpy(&bytes, flags, sizeof bytes);
-    return static_cast<unsigned>(bytes * 0x0102040810204080U >> 56U);
-}
-
-// Finds the marked bases of one kind. Eight positions are taken at a time: the
-// marked ones by their bits, the others by counting theirs.
-std::vector<Call> find_calls(char base, std::string const& sequence,
-                             std::vector<unsigned char> const& mask) {
-    std::vector<Call> calls;
-    std::uint64_t n_bases = 0;       // of this kind, before the eight positions
-    std::uint64_t n_bases_done = 0;  // up to and with the last call
-    for (std::size_t begin = 0; begin < sequence.size(); begin += CHUNK_BASES) {
-        std::size_t const n = std::min(CHUNK_BASES, sequence.size() - begin);
-        std::array<unsigned char, CHUNK_BASES> is_base{};
-        std::array<unsigned char, CHUNK_BASES> is_called{};
-        char const* const bases = sequence.data() + begin;
-        unsigned char const* const marks = mask.data() + begin;
-        std::uint16_t n_called = 0;  // narrow, for vectors of many
-        static_assert(CHUNK_BASES <= std::numeric_limits<decltype(n_called)>::max());
-        for (std::size_t i = 0; i < n; ++i) {
-            is_base[i] = bases[i] == base ? 1 : 0;
-            is_called[i] = static_cast<unsigned char>(is_base[i] & marks[i]);
-            n_called = static_cast<std::uint16_t>(n_called + is_called[i]);
+// Sets the mask to 1 where bases are called.
+void mark_calls(std::vector<Block> const& blocks, std::vector<int>& mask) {
+    std::size_t begin = 0;
+    for (Block const& block : blocks) {
+        for (PositionBits const called : block.is_called) {
+            for_each_bit(called, [&](std::size_t i, PositionBits) { mask[begin + i] = 1; });
         }
-        std::size_t next = calls.size();
-        calls.resize(next + n_called);
-        for (std::size_t i = 0; i < n; i += 8) {
-            unsigned const base_bits = to_bits(&is_base[i]);
-            for (unsigned bits = to_bits(&is_called[i]); bits != 0; bits &= bits - 1) {
-                unsigned const lowest = bits & (0 - bits);
-                std::uint64_t const n_before = n_bases + BIT_COUNTS[base_bits & (lowest - 1)];
-                calls[next++] = {begin + i + BIT_COUNTS[lowest - 1], n_before - n_bases_done};
-                n_bases_done = n_before + 1;
-            }
-            n_bases += BIT_COUNTS[base_bits];
-        }
+        begin += BLOCK_BASES;
     }
-    return calls;
 }
 
 // The part of the Mm field that says where calls are: ",n" for each, n the bases
-// skipped before it.
-std::string skips_text(std::vector<Call> const& calls) {
+// of its kind skipped before it.
+std::string skips_text(std::size_t base, std::vector<Block> const& blocks) {
     std::string text;
     PieceWriter writer(text);
-    for (auto call = calls.begin(); call != calls.end();) {
-        // Runs of small numbers, nearly all there are, need no formatting.
-        auto const large = std::find_if(
-            call, calls.end(), [](Call const& c) { return c.n_skipped >= BYTE_TEXTS.size(); });
-        Call const* const small = &*call;
-        writer.add_texts(
-            static_cast<std::size_t>(large - call),
-            [&](std::size_t k) -> ByteText const& { return BYTE_TEXTS[small[k].n_skipped]; });
-        call = large;
-        if (call != calls.end()) writer.add_comma_and_number((call++)->n_skipped);
+    std::uint64_t n_bases = 0;       // of this kind, before the block
+    std::uint64_t n_bases_done = 0;  // up to and with the last call
+    for (Block const& block : blocks) {
+        PositionBits const is_base = block.is_base[base];
+        writer.add(BLOCK_BASES * MAX_NUMBER_TEXT_BYTES, [&](char* next) {
+            for_each_bit(block.is_called[base], [&](std::size_t, PositionBits below) {
+                std::uint64_t const n_before = n_bases + count_bits(is_base & below);
+                next = write_comma_and_number(next, n_before - n_bases_done);
+                n_bases_done = n_before + 1;
+            });
+            return next;
+        });
+        n_bases += count_bits(is_base);
     }
     writer.flush();
     return text;
 }
 
-// Takes the contexts of a call from their text form, empty for none.
-BaseModContext make_context(std::string const& text) {
-    BaseModContext context;
-    if (!text.empty() && !context.decode(text)) {
-        throw std::runtime_error("Invalid base modification context string.");
+// Adds ",n" for the probability of each call.
+void add_probabilities(PieceWriter& writer, std::size_t base, ByteView const& column,
+                       std::vector<Block> const& blocks) {
+    std::size_t begin = 0;
+    for (Block const& block : blocks) {
+        writer.add(BLOCK_BASES * BYTE_TEXT_BYTES, [&](char* next) {
+            for_each_bit(block.is_called[base], [&](std::size_t i, PositionBits) {
+                next = BYTE_TEXTS[column[begin + i]].write(next);
+            });
+            return next;
+        });
+        begin += BLOCK_BASES;
     }
-    return context;
 }
 
 }  // namespace
@@ -3158,13 +3286,15 @@ bool BAMFileHandler::make_unmapped_sam_line(std::string& out, std::string const&
     // FLAG 4, no RNAME, POS 0, MAPQ 0, no CIGAR, no RNEXT, PNEXT 0.
     constexpr std::string_view UNMAPPED_COLUMNS = "\t4\t*\t0\t0\t*\t*\t0\t";
     constexpr std::size_t MAX_TLEN_BYTES = 20;
+    char columns[UNMAPPED_COLUMNS.size() + MAX_TLEN_BYTES + 1];
+    char* end = std::copy(UNMAPPED_COLUMNS.begin(), UNMAPPED_COLUMNS.end(), columns);
+    // Deliberate: TLEN is not 0.
+    end = std::to_chars(end, end + MAX_TLEN_BYTES, sequence.size()).ptr;
+    *end++ = '\t';
     out.clear();
-    out.reserve(read_name.size() + UNMAPPED_COLUMNS.size() + MAX_TLEN_BYTES + 2 +
-                2 * sequence.size());
+    out.reserve(read_name.size() + sizeof columns + 2 * sequence.size() + 1);
     out += read_name;
-    out += UNMAPPED_COLUMNS;
-    append_number(out, sequence.size());  // Deliberate: TLEN is not 0
-    out += '\t';
+    out.append(columns, end);
     out += sequence;
     out += '\t';
     out += qstring;
@@ -3182,17 +3312,18 @@ bool BAMFileHandler::generate_move_table_string(std::string& out, ByteView const
     std::size_t k = 0;
     for (std::array<unsigned char, 32> block; moves.size - k >= block.size(); k += block.size()) {
         copy_from(moves, k, block);
-        // Nearly all entries are 0 or 1.
-        if (*std::max_element(block.begin(), block.end()) < 10) {
-            writer.add_digits(block);
-        } else {
-            writer.add_texts(block.size(), [&](std::size_t i) -> ByteText const& {
-                return MOVE_TEXTS[block[i]];
-            });
-        }
+        writer.add(block.size() * MOVE_TEXT_BYTES, [&](char* next) {
+            // Nearly all entries are 0 or 1.
+            if (*std::max_element(block.begin(), block.end()) < 10) {
+                return write_digits(next, block);
+            }
+            for (unsigned char const move : block) next = MOVE_TEXTS[move].write(next);
+            return next;
+        });
     }
-    writer.add_texts(moves.size - k,
-                     [&](std::size_t i) -> ByteText const& { return MOVE_TEXTS[moves[k + i]]; });
+    for (; k < moves.size; ++k) {
+        writer.add(MOVE_TEXT_BYTES, [&](char* next) { return MOVE_TEXTS[moves[k]].write(next); });
+    }
     writer.flush();
     return true;
 }
@@ -3221,47 +3352,43 @@ bool BAMFileHandler::generate_modbase_string(
     }
 
     modbase_string = "Mm:Z:";
-    std::string probabilities = "Ml:B:C";
-    BaseModContext const contexts = make_context(context);
-    std::vector<unsigned char> mask(sequence.size(), 0);
-    mark_contexts(contexts, sequence, mask.data());
-    mark_probable(contexts, sequence, modbase_alphabet, modbase_probs, threshold, mask.data());
+    Motifs motifs;
+    if (!context.empty() && !parse_motifs(context, motifs)) {
+        throw std::runtime_error("Invalid base modification context string.");
+    }
+    std::vector<Block> blocks = make_blocks(sequence);
+    mark_contexts(motifs, sequence, blocks);
+    std::vector<ModChannel> const channels = find_mod_channels(modbase_alphabet);
+    mark_probable(motifs, channels, n_channels, modbase_probs, threshold, blocks);
 
     TextCursor names(modbase_long_names);
-    PieceWriter probability_writer(probabilities);
-    char base = '\0';
+    PieceWriter writer(modbase_string);
     // All channels of a base have the same calls.
-    char called_base = '\0';
-    std::vector<Call> calls;
+    std::size_t skips_base = NO_BASE;
     std::string skips;
-    for (std::size_t c = 0; c < n_channels; ++c) {
-        if (is_canonical(modbase_alphabet[c])) {
-            base = modbase_alphabet[c];
-            continue;
-        }
-        std::string name;
+    for (ModChannel const& channel : channels) {
+        std::string_view name;
         names.read_word(name);
-        std::string code;
-        if (!get_modbase_channel_name(code, name, error_message)) return false;
-        if (called_base != base) {
-            called_base = base;
-            calls = find_calls(base, sequence, mask);
-            skips = skips_text(calls);
+        std::string_view code;
+        if (!find_mod_code(name, code)) {
+            writer.flush();
+            return fail_with_unknown_name(error_message, name);
         }
-        modbase_string += base;
-        modbase_string += '+';
-        modbase_string += code;
+        if (skips_base != channel.base) {
+            skips_base = channel.base;
+            skips = skips_text(channel.base, blocks);
+        }
         // A one-letter motif is no context, but every base of its kind.
-        if (contexts.motif(base).size() > 1) modbase_string += '?';
-        modbase_string += skips;
-        modbase_string += ';';
-        probability_writer.add_texts(calls.size(), [&](std::size_t k) -> ByteText const& {
-            return BYTE_TEXTS[modbase_probs[calls[k].position * n_channels + c]];
-        });
+        std::string_view const mark = motifs[channel.base].letters.size() > 1 ? "?"sv : ""sv;
+        writer.add_texts(CANONICAL_BASES.substr(channel.base, 1), "+"sv, code, mark,
+                         std::string_view(skips), ";"sv);
     }
-    probability_writer.flush();
-    modbase_string += '\t';
-    modbase_string += probabilities;
+    writer.add_texts("\tMl:B:C"sv);
+    for (ModChannel const& channel : channels) {
+        add_probabilities(writer, channel.base,
+                          column_of(modbase_probs, channel.column, n_channels), blocks);
+    }
+    writer.flush();
     return true;
 }
 
@@ -3278,21 +3405,10 @@ bool BAMFileHandler::generate_modbase_string(std::string& modbase_string,
 bool BAMFileHandler::get_modbase_channel_name(std::string& channel_code,
                                               std::string const& long_name,
                                               std::string& error_message) {
-    // Deliberate: 5fc, unlike its neighbours, ends in lower case.
-    static std::map<std::string, std::string> const modbase_name_map = {
-        {"6mA", "a"},   {"5mC", "m"},  {"5hmC", "h"}, {"5fc", "f"},  {"5caC", "c"},
-        {"8oxoG", "o"}, {"5hmU", "g"}, {"5fU", "e"},  {"5caU", "b"},
-    };
-    auto const found = modbase_name_map.find(long_name);
-    if (found != modbase_name_map.end()) {
-        channel_code = found->second;
-        return true;
-    }
-    if (std::all_of(long_name.begin(), long_name.end(), is_digit)) {
-        channel_code = long_name;
-        return true;
-    }
-    return fail(error_message, "Unknown modified base abbreviation: " + long_name);
+    std::string_view code;
+    if (!find_mod_code(long_name, code)) return fail_with_unknown_name(error_message, long_name);
+    channel_code = code;
+    return true;
 }
 
 BaseModContext::BaseModContext() {
@@ -3315,8 +3431,10 @@ std::size_t BaseModContext::motif_offset(char base) const {
 }
 
 std::vector<int> BaseModContext::get_sequence_mask(std::string const& sequence) const {
+    std::vector<Block> blocks = make_blocks(sequence);
+    mark_contexts(motifs_of(*this), sequence, blocks);
     std::vector<int> mask(sequence.size(), 0);
-    mark_contexts(*this, sequence, mask.data());
+    mark_calls(blocks, mask);
     return mask;
 }
 
@@ -3328,7 +3446,10 @@ void BaseModContext::update_mask(std::vector<int>& mask, std::string const& sequ
     if (mask.size() < sequence.size() || modbase_probs.size / n_channels < sequence.size()) {
         throw std::out_of_range("Mask or probabilities shorter than the sequence");
     }
-    mark_probable(*this, sequence, modbase_alphabet, modbase_probs, threshold, mask.data());
+    std::vector<Block> blocks = make_blocks(sequence);
+    mark_probable(motifs_of(*this), find_mod_channels(modbase_alphabet), n_channels, modbase_probs,
+                  threshold, blocks);
+    mark_calls(blocks, mask);
 }
 
 std::string BaseModContext::encode() const {
@@ -3347,22 +3468,17 @@ std::string BaseModContext::encode() const {
 }
 
 bool BaseModContext::decode(std::string const& text) {
-    std::vector<std::string> fields;
-    boost::split(fields, text, boost::is_any_of(":"));
-    if (fields.size() != motifs.size()) return false;
-    for (std::size_t i = 0; i < motifs.size(); ++i) {
-        if (fields[i] == "_") {
-            motifs[i].clear();
-            offsets[i] = 0;
-            continue;
-        }
-        std::size_t const offset = fields[i].find('X');
-        if (offset == std::string::npos) return false;
-        fields[i][offset] = CANONICAL_BASES[i];
-        motifs[i] = std::move(fields[i]);
-        offsets[i] = offset;
+    Motifs parsed = motifs_of(*this);
+    bool const done = parse_motifs(text, parsed);
+    // Aside, since what has been parsed may point into the motifs.
+    std::array<std::string, CANONICAL_BASES.size()> letters;
+    for (std::size_t i = 0; i < parsed.size(); ++i) {
+        letters[i] = parsed[i].letters;
+        offsets[i] = parsed[i].offset;
+        if (!letters[i].empty()) letters[i][offsets[i]] = CANONICAL_BASES[i];
     }
-    return true;
+    motifs = std::move(letters);
+    return done;
 }
 
 }  // namespace tesk::util::bam
