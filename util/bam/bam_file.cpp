@@ -20,7 +20,7 @@
 
 // Vectors of 16 bytes, which every x86-64 has; TESK_BAM_PORTABLE does without. What
 // needs SSSE3 asks for it when it runs.
-#if defined(__SSE2__) && !defined(TESK_BAM_PORTABLE)
+#if defined(__x86_64__) && !defined(TESK_BAM_PORTABLE)
 #define TESK_BAM_SSE2
 #include <tmmintrin.h>
 #endif
@@ -194,8 +194,7 @@ std::size_t count_in(std::string_view text, Set set) {
                  static_cast<std::size_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(sums, sums)));
         text.remove_prefix(16 * n_steps);
 #else
-        for (std::uint32_t bits = find_in_16(text.data(), set); bits != 0; bits &= bits - 1)
-            ++count;
+        for (char const c : text.substr(0, 16)) count += is_in(c, set) ? 1 : 0;
         text.remove_prefix(16);
 #endif
     }
