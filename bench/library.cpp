@@ -3,16 +3,14 @@
 //     bench_library KIND FILE.sam FOLDER [--benchmark_...]
 //
 // KIND names the data in the benchmarks' names; FOLDER takes files that are made.
-// The counters are those of pairs.h. Of write_to_bam_file with an index the floor is
+// Counters and more options are those of pairs.h. Of write_to_bam_file with an index the floor is
 // the same without one.
 
-#include <cstdio>
 #include <exception>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 #include <memory>
-#include <random>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -22,6 +20,7 @@
 
 #include "bench/floors.h"
 #include "bench/pairs.h"
+#include "bench/workload.h"
 #include "util/bam/bam_file.h"
 
 namespace {
@@ -33,16 +32,8 @@ using tesk::bench::measure_pairs;
 using tesk::bench::Measured;
 using tesk::bench::NOTHING;
 using tesk::bench::Payload;
+using tesk::bench::require;
 using tesk::util::bam::BAMFileHandler;
-
-constexpr int N_PAIRS = 9;
-
-// Ends the program where the library refuses what it is measured on.
-void require(bool done, BAMFileHandler const& handler) {
-    if (done) return;
-    std::cerr << "bench_library: " << handler.error_message << '\n';
-    std::exit(1);
-}
 
 std::string text_of(std::string const& path) {
     std::ifstream in(path, std::ios::binary);
@@ -74,32 +65,11 @@ FloorRecords ready_records(BAMFileHandler const& handler) {
     return ready;
 }
 
-template <typename Record>
-void shuffle(std::vector<Record>& records) {
-    std::mt19937_64 random(1);
-    for (std::size_t i = records.size(); i > 1; --i) {
-        std::swap(records[i - 1], records[random() % i]);
-    }
-}
-
-// One record in a hundred changes places with one up to twenty places before it.
-template <typename Record>
-void swap_some(std::vector<Record>& records) {
-    std::mt19937_64 random(1);
-    for (std::size_t i = 20; i < records.size(); ++i) {
-        if (random() % 100 == 0) std::swap(records[i], records[i - random() % 20]);
-    }
-}
-
 // The data of a run.
 class Bench {
 public:
     Bench(std::string kind, std::string sam, std::string const& folder)
-        : kind_(std::move(kind)),
-          sam_(std::move(sam)),
-          own_bam_(folder + "/own.bam"),
-          full_bam_(folder + "/full.bam"),
-          out_(folder + "/out") {
+        : kind_(std::move(kind)), sam_(std::move(sam)), out_(folder + "/out") {
         BAMFileHandler handler;
         require(handler.read_from_sam_file(sam_), handler);
         n_records_ = static_cast<double>(handler.records.size());
@@ -107,10 +77,7 @@ public:
         for (auto const& record : handler.records) {
             n_bytes_ += static_cast<double>(record.sam_line.size() + 1);
         }
-        require(std::as_const(handler).write_to_bam_file(own_bam_, false), handler);
-        Payload const payload = tesk::bench::read_payload(own_bam_);
-        payload_bytes_ = payload.bytes.size();
-        tesk::bench::write_full_blocks(full_bam_, payload);
+        bam_ = tesk::bench::make_bam_files(handler, folder);
     }
 
     void register_all() {
@@ -118,23 +85,23 @@ public:
         add("add_alignment_sam", [this](auto& state) { add_lines(state); });
         add("write_to_bam_file", [this](auto& state) { write_bam(state); });
         add("write_to_bam_file_with_index", [this](auto& state) { write_index(state); });
-        add("read_from_bam_file", [this](auto& state) { read_bam(state, own_bam_); });
-        add("read_from_bam_file_full_blocks", [this](auto& state) { read_bam(state, full_bam_); });
+        add("read_from_bam_file", [this](auto& state) { read_bam(state, bam_.own); });
+        add("read_from_bam_file_full_blocks",
+            [this](auto& state) { read_bam(state, bam_.full_blocks); });
         add("write_to_sam_file", [this](auto& state) { write_sam(state); });
         if (kind_ == "long") return;  // has no positions
-        add("sort_shuffled",
-            [this](auto& state) { sort(state, [](auto& records) { shuffle(records); }); });
-        add("sort_nearly_sorted",
-            [this](auto& state) { sort(state, [](auto& records) { swap_some(records); }); });
+        add("sort_shuffled", [this](auto& state) {
+            sort(state, [](auto& records) { tesk::bench::shuffle(records); });
+        });
+        add("sort_nearly_sorted", [this](auto& state) {
+            sort(state, [](auto& records) { tesk::bench::swap_some(records); });
+        });
     }
 
 private:
     template <typename Run>
     void add(std::string const& operation, Run run) {
-        benchmark::RegisterBenchmark((operation + "/" + kind_).c_str(), run)
-            ->Iterations(N_PAIRS)
-            ->UseManualTime()
-            ->Unit(benchmark::kMillisecond);
+        tesk::bench::register_pairs(operation, kind_, run);
     }
 
     template <typename Operation, typename Floor>
@@ -203,13 +170,13 @@ private:
         measure_reading(
             state,
             [&](BAMFileHandler& handler) { require(handler.read_from_bam_file(path), handler); },
-            [&] { return tesk::bench::floor_read_bam(path, payload_bytes_, ready); });
+            [&] { return tesk::bench::floor_read_bam(path, bam_.payload_bytes, ready); });
     }
 
     void write_bam(benchmark::State& state) {
         BAMFileHandler handler;
         require(handler.read_from_sam_file(sam_), handler);
-        Payload const payload = tesk::bench::read_payload(own_bam_);
+        Payload const payload = tesk::bench::read_payload(bam_.own);
         measure(
             state,
             Measured{
@@ -260,22 +227,16 @@ private:
 
     std::string kind_;
     std::string sam_;
-    std::string own_bam_;
-    std::string full_bam_;
+    tesk::bench::BamFiles bam_;
     std::string out_;
     double n_records_ = 0;
     double n_bytes_ = 0;
-    std::size_t payload_bytes_ = 0;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (argc != 4) {
-        std::cerr << "usage: bench_library KIND FILE.sam FOLDER [--benchmark_...]\n";
-        return 2;
-    }
+    tesk::bench::initialize(argc, argv, 3, "bench_library KIND FILE.sam FOLDER");
     try {
         Bench bench(argv[1], argv[2], argv[3]);
         bench.register_all();
