@@ -21,6 +21,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/bam_encoder.h"
 #include "tests/support/record_text.h"
 #include "tests/support/temp_file.h"
 
@@ -951,6 +952,29 @@ TEST(Cigar, Operations_Unpacked_GiveTextAndPlaceholder) {
     }
 }
 
+TEST(Cigar, ManyOperations_WithLengthsOfOneToNineDigits_UnpackToText) {
+    constexpr std::uint32_t LENGTHS[] = {
+        0,     1,     9,      10,     99,      100,     999,      1000,     1001,      9999,
+        10000, 99999, 100000, 999999, 1 << 20, 9999999, 10000000, 99999999, 100000000, 268435455};
+    for (std::size_t const n_ops : {20U, 255U, 256U, 257U, 512U, 513U, 3000U}) {
+        SCOPED_TRACE(n_ops);
+        std::vector<std::uint32_t> words;
+        std::string expected;
+        for (std::size_t i = 0; i < n_ops; ++i) {
+            std::uint32_t const length = LENGTHS[i % std::size(LENGTHS)];
+            words.push_back(length << 4 | static_cast<std::uint32_t>(i % 9));
+            expected += std::to_string(length) + "MIDNSHP=X"[i % 9];
+        }
+        BAMFileHandler handler;
+        std::string text = "before";
+        bool placeholder = true;
+        EXPECT_TRUE(
+            handler.unpack_cigar_string(words.data(), words.size(), text, 100, placeholder));
+        EXPECT_EQ(text, expected);
+        EXPECT_FALSE(placeholder);
+    }
+}
+
 TEST(Cigar, NoOperations_WithoutAnArray_UnpackToAStar) {
     BAMFileHandler handler;
     std::string text = "before";
@@ -1405,6 +1429,95 @@ TEST(SamWriter, OptionalField_OfAnyType_RendersItsValue) {
         EXPECT_TRUE(handler.update_sam_line(record));
         EXPECT_EQ(record.sam_line, SamLine().field(c.text).field("NM:i:0").text());
     }
+}
+
+// The text of an array and its bytes, element by element.
+template <typename Element>
+std::string array_text(char type, std::vector<Element> const& elements) {
+    std::string text = std::string("ZB:B:") + type;
+    for (Element const element : elements) text += ',' + std::to_string(element);
+    return text;
+}
+
+template <typename Element>
+AuxData array_field(char type, std::vector<Element> const& elements) {
+    std::vector<char> bytes;
+    for (Element const element : elements) {
+        std::string const element_bytes = le_bytes(element);
+        bytes.insert(bytes.end(), element_bytes.begin(), element_bytes.end());
+    }
+    return {"ZB", 'B', AuxNumericalArray{type, static_cast<std::uint32_t>(elements.size()), bytes}};
+}
+
+template <typename Element>
+void expect_rendered(char type, std::vector<Element> const& elements) {
+    SCOPED_TRACE(std::string(1, type) + " of " + std::to_string(elements.size()));
+    BAMFileHandler handler = handler_with_references();
+    BamRecord record = record_with_field(array_field(type, elements));
+    EXPECT_TRUE(handler.update_sam_line(record)) << handler.error_message;
+    EXPECT_EQ(record.sam_line, SamLine().field(array_text(type, elements)).text());
+}
+
+// Arrays of all lengths in question, their elements taken from a list in turn.
+template <typename Element>
+void expect_rendered_at_lengths(char type, std::vector<Element> const& values) {
+    for (std::size_t const length :
+         {1U, 15U, 16U, 17U, 31U, 32U, 33U, 63U, 64U, 65U, 255U, 256U, 257U, 511U, 513U, 1000U}) {
+        std::vector<Element> elements;
+        for (std::size_t i = 0; i < length; ++i) elements.push_back(values[i % values.size()]);
+        expect_rendered(type, elements);
+    }
+}
+
+TEST(SamWriter, Array_OfAnyLength_RendersEveryElement) {
+    expect_rendered_at_lengths<std::uint8_t>('C', {0, 1, 0, 0, 1});
+    expect_rendered_at_lengths<std::uint8_t>('C', {9, 8, 7, 6, 5, 4, 3, 2, 1, 0});
+    expect_rendered_at_lengths<std::uint8_t>('C', {0, 9, 10, 99, 100, 127, 128, 255});
+    expect_rendered_at_lengths<std::int8_t>('c', {0, 1, 0, 0, 1});
+    expect_rendered_at_lengths<std::int8_t>('c', {0, -1, 9, 10, -9, -10, 100, 127, -100, -128});
+    expect_rendered_at_lengths<std::int16_t>('s', {0, 999, 1000, -999, -1000, 32767, -32768});
+    expect_rendered_at_lengths<std::uint16_t>('S', {0, 999, 1000, 9999, 10000, 65535});
+    expect_rendered_at_lengths<std::int32_t>('i', {0, 1000000, -7, INT32_HIGHEST, INT32_LOWEST});
+    expect_rendered_at_lengths<std::uint32_t>('I', {0, 999, 1000, 2147483648U, 4294967295U});
+}
+
+TEST(SamWriter, ArrayOfBytes_OneLargerThanADigit_IsRenderedWhereverItStands) {
+    for (std::size_t place = 0; place < 70; ++place) {
+        std::vector<std::uint8_t> bytes(70, 3);
+        bytes[place] = 10;
+        expect_rendered('C', bytes);
+        std::vector<std::int8_t> signed_bytes(70, 3);
+        signed_bytes[place] = -1;
+        expect_rendered('c', signed_bytes);
+    }
+}
+
+TEST(SamWriter, Array_OfAllNumbersOfItsType_RendersThem) {
+    std::vector<std::uint8_t> bytes;
+    std::vector<std::int8_t> signed_bytes;
+    std::vector<std::uint16_t> words;
+    std::vector<std::int16_t> signed_words;
+    for (int value = 0; value <= UINT8_MAX; ++value) {
+        bytes.push_back(static_cast<std::uint8_t>(value));
+        signed_bytes.push_back(static_cast<std::int8_t>(value + INT8_MIN));
+    }
+    for (int value = 0; value <= UINT16_MAX; ++value) {
+        words.push_back(static_cast<std::uint16_t>(value));
+        signed_words.push_back(static_cast<std::int16_t>(value + INT16_MIN));
+    }
+    expect_rendered('C', bytes);
+    expect_rendered('c', signed_bytes);
+    expect_rendered('S', words);
+    expect_rendered('s', signed_words);
+}
+
+TEST(SamWriter, Line_Rendered_TakesNoMoreMemoryThanItNeeds) {
+    BAMFileHandler handler = handler_with_references();
+    BamRecord record = plain_record();
+    record.sam_line.reserve(10000);
+    EXPECT_TRUE(handler.update_sam_line(record));
+    EXPECT_EQ(record.sam_line, SamLine().text());
+    EXPECT_EQ(record.sam_line.capacity(), record.sam_line.size());
 }
 
 TEST(SamWriter, OptionalFields_OfUnknownType_StopTheLineAtTheirTag) {
@@ -2032,6 +2145,24 @@ TEST(SamFile, Handler_Written_GivesHeaderAndLinesAsTheyStand) {
     EXPECT_TRUE(handler.has_sort_order);
     EXPECT_EQ(handler.header, HEADER);
     EXPECT_EQ(handler.records.size(), 4U);
+}
+
+TEST(SamFile, LinesOfAnyLength_Written_StandInTheirOrder) {
+    constexpr std::size_t MIB = std::size_t{1} << 20;
+    TempDir const dir;
+    std::string const path = dir.file("out.sam");
+    BAMFileHandler handler;
+    ASSERT_TRUE(handler.add_header_lines(HEADER));
+    std::string expected = HEADER;
+    for (std::size_t const length :
+         {std::size_t{0}, std::size_t{5}, MIB - 2, MIB - 1, MIB, MIB + 1, std::size_t{7}, 2 * MIB,
+          MIB / 2, MIB / 2 - 1, MIB / 2 - 1, std::size_t{1}, std::size_t{0}}) {
+        char const letter = static_cast<char>('a' + handler.records.size());
+        handler.records.emplace_back().sam_line = std::string(length, letter);
+        expected += std::string(length, letter) + '\n';
+    }
+    EXPECT_TRUE(handler.write_to_sam_file(path));
+    EXPECT_TRUE(read_file(path) == expected);
 }
 
 TEST(SamFile, EmptyHandler_Written_GivesAnEmptyFile) {

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
+#include <memory>
 #include <system_error>
 #include <utility>
 
@@ -228,6 +229,52 @@ std::uint32_t short_number(char const* digits, std::size_t n_digits) {
     return (pairs * (100U << 16U | 1U)) >> 16U;
 }
 constexpr std::size_t MAX_SHORT_DIGITS = 4;
+
+// Characters that grow at their end. Unlike those of a string or vector, they are
+// not set to anything before they are written.
+class CharBuffer {
+public:
+    explicit CharBuffer(std::size_t capacity = 0)
+        : data_(capacity == 0 ? nullptr : new char[capacity]), capacity_(capacity) {}
+
+    char* data() { return data_.get(); }
+    std::size_t size() const { return size_; }
+    std::string_view view() const { return {data_.get(), size_}; }
+
+    // Where the next n characters go; end_at() or advance() tells how many of them
+    // there are.
+    char* room_for(std::size_t n) {
+        if (n > capacity_ - size_) grow(n);
+        return data_.get() + size_;
+    }
+    void advance(std::size_t n) { size_ += n; }
+    void end_at(char const* end) { size_ = static_cast<std::size_t>(end - data_.get()); }
+
+    void add(char c) {
+        *room_for(1) = c;
+        ++size_;
+    }
+    void add(std::string_view text) {
+        if (text.empty()) return;
+        std::memcpy(room_for(text.size()), text.data(), text.size());
+        size_ += text.size();
+    }
+    void remove_last() { --size_; }
+    void clear() { size_ = 0; }
+
+private:
+    void grow(std::size_t n) {
+        std::size_t const capacity = std::max(size_ + n, 2 * capacity_);
+        std::unique_ptr<char[]> larger(new char[capacity]);
+        if (size_ != 0) std::memcpy(larger.get(), data_.get(), size_);
+        data_ = std::move(larger);
+        capacity_ = capacity;
+    }
+
+    std::unique_ptr<char[]> data_;
+    std::size_t size_ = 0;
+    std::size_t capacity_;
+};
 
 // Reads words and numbers out of a text with the results of formatted stream
 // extraction in the classic locale: a read that fails makes all later ones
@@ -482,6 +529,15 @@ bool consumes_reference(std::uint32_t code) {
 // Codes that no operation has render as '?'.
 char cigar_op_letter(std::uint32_t code) {
     return code < CIGAR_OP_CODES.size() ? CIGAR_OP_CODES[code] : '?';
+}
+
+// Number of reference bases that operations cover.
+std::uint64_t reference_length(std::vector<std::uint32_t> const& ops) {
+    std::uint64_t length = 0;
+    for (std::uint32_t const op : ops) {
+        if (consumes_reference(op & CIGAR_OP_MASK)) length += op >> CIGAR_OP_SHIFT;
+    }
+    return length;
 }
 
 // Codes of all chars by their unsigned value; -1 for chars that have none.
@@ -1128,10 +1184,8 @@ std::size_t n_qualities_of(BamRecord const& record) {
     return n_bases;
 }
 
-void append_bases(std::string& out, BamRecord const& record, std::size_t n_bases) {
-    std::size_t const old_size = out.size();
-    out.resize(old_size + n_bases);
-    char* const letters = out.data() + old_size;
+// Writes the letters of n bases.
+void write_bases(char* letters, BamRecord const& record, std::size_t n_bases) {
     std::uint8_t const* const packed = record.seq.data();
     for (std::size_t k = 0; k < n_bases / 2; ++k) {
         std::memcpy(letters + 2 * k, BASE_PAIRS[packed[k]].data(), 2);
@@ -1139,23 +1193,76 @@ void append_bases(std::string& out, BamRecord const& record, std::size_t n_bases
     if (n_bases % 2 != 0) letters[n_bases - 1] = BASE_PAIRS[packed[n_bases / 2]][0];
 }
 
-void append_qualities(std::string& out, BamRecord const& record, std::size_t n_qualities) {
-    std::size_t const old_size = out.size();
-    out.resize(old_size + n_qualities);
-    char* const text = out.data() + old_size;
+// Writes n qualities as text.
+void write_qualities(char* text, BamRecord const& record, std::size_t n_qualities) {
     char const* const scores = record.qual.data();
     for (std::size_t i = 0; i < n_qualities; ++i) {
         text[i] = static_cast<char>(scores[i] + PHRED_OFFSET);
     }
 }
 
-// Appends packed operations as text.
-void append_cigar(std::string& out, std::uint32_t const* ops, std::size_t n_ops) {
-    out.reserve(out.size() + 3 * n_ops);
-    for (std::size_t i = 0; i < n_ops; ++i) {
-        append_number(out, ops[i] >> CIGAR_OP_SHIFT);
-        out += cigar_op_letter(ops[i] & CIGAR_OP_MASK);
+// The digits of 0 to 999, and behind them their number.
+constexpr auto SHORT_NUMBERS = [] {
+    std::array<std::array<char, 4>, 1000> texts{};
+    for (std::size_t value = 0; value < texts.size(); ++value) {
+        char n_digits = 0;
+        for (std::size_t unit = 100; unit != 0; unit /= 10) {
+            if (value < unit && unit != 1) continue;
+            texts[value][static_cast<std::size_t>(n_digits++)] =
+                static_cast<char>('0' + value / unit % 10);
+        }
+        texts[value].back() = n_digits;
     }
+    return texts;
+}();
+
+// Room that a number of 32 bits takes while it is written: a sign and ten digits.
+constexpr std::size_t NUMBER_ROOM = 11;
+
+// Writes a number to a place of NUMBER_ROOM characters; returns its end.
+char* write_number(char* out, std::uint32_t number) {
+    if (number < SHORT_NUMBERS.size()) {
+        std::array<char, 4> const& text = SHORT_NUMBERS[number];
+        std::memcpy(out, text.data(), text.size());
+        return out + text.back();
+    }
+    return std::to_chars(out, out + NUMBER_ROOM, number).ptr;
+}
+
+char* write_number(char* out, std::int32_t number) {
+    auto magnitude = static_cast<std::uint32_t>(number);
+    if (number < 0) {
+        *out++ = '-';
+        magnitude = 0 - magnitude;
+    }
+    return write_number(out, magnitude);
+}
+
+void add_number(CharBuffer& out, std::int32_t number) {
+    out.end_at(write_number(out.room_for(NUMBER_ROOM), number));
+}
+
+// Numbers that are written between two looks at the room left.
+constexpr std::size_t NUMBERS_AT_A_TIME = 256;
+
+// Adds packed operations as text.
+void add_cigar(CharBuffer& out, std::uint32_t const* ops, std::size_t n_ops) {
+    for (std::size_t done = 0; done < n_ops;) {
+        std::size_t const end = done + std::min(NUMBERS_AT_A_TIME, n_ops - done);
+        char* text = out.room_for((end - done) * (NUMBER_ROOM + 1));
+        for (; done < end; ++done) {
+            text = write_number(text, ops[done] >> CIGAR_OP_SHIFT);
+            *text++ = cigar_op_letter(ops[done] & CIGAR_OP_MASK);
+        }
+        out.end_at(text);
+    }
+}
+
+// Whether the first operation is a soft clip of the whole read, as it is where the
+// real ones stand in a field.
+bool is_placeholder(std::uint32_t const* ops, std::size_t n_ops, std::uint64_t seq_len) {
+    return n_ops != 0 && (ops[0] >> CIGAR_OP_SHIFT) >= seq_len &&
+           cigar_op_letter(ops[0] & CIGAR_OP_MASK) == 'S';
 }
 
 // A float as SAM text has it: printf's "%f" without its trailing zeros.
@@ -1170,75 +1277,124 @@ std::string float_to_stripped_string(float value) {
     return std::string(stripped);
 }
 
-// Appends the elements of an array, each after a comma.
-void append_array_elements(std::string& out, AuxData const& field, AuxNumericalArray const& array) {
-    // The cursor only reads; its type has no form for constant bytes.
-    BamBuffer in{const_cast<char*>(array.data.data()), array.data.size()};
-    for (std::uint32_t i = 0; i < array.count; ++i) {
-        out += ',';
-        switch (array.type) {
-            case 'c': append_number(out, int{in.get<std::int8_t>()}); break;
-            case 'C': append_number(out, int{in.get<std::uint8_t>()}); break;
-            case 's': append_number(out, in.get<std::int16_t>()); break;
-            case 'S': append_number(out, in.get<std::uint16_t>()); break;
-            case 'i': append_number(out, in.get<std::int32_t>()); break;
-            case 'I': append_number(out, in.get<std::uint32_t>()); break;
-            // Deliberate: the field is asked for a float, which it does not
-            // hold, so that an array of floats is never rendered.
-            case 'f': out += float_to_stripped_string(boost::any_cast<float>(field.value)); break;
-            default: break;
+// Adds n elements of an array, each after a comma.
+template <typename Element>
+void add_elements(CharBuffer& out, char const* elements, std::size_t n) {
+    using Number = std::conditional_t<std::is_signed_v<Element>, std::int32_t, std::uint32_t>;
+    for (std::size_t done = 0; done < n;) {
+        std::size_t const end = done + std::min(NUMBERS_AT_A_TIME, n - done);
+        char* text = out.room_for((end - done) * (NUMBER_ROOM + 1));
+        for (; done < end; ++done) {
+            Element element;
+            std::memcpy(&element, elements + done * sizeof element, sizeof element);
+            *text++ = ',';
+            text = write_number(text, Number{element});
         }
+        out.end_at(text);
     }
 }
 
-// Appends type letter and value of an optional field; false where the letter is
-// unknown.
-bool append_aux_value(std::string& out, AuxData const& field) {
-    // Nothing is appended for a value that turns out not to have its type.
-    auto const append_integer = [&out](auto value) {
-        out += "i:";
-        append_number(out, value);
+// The same for elements of a byte. Many arrays hold little but numbers of one digit;
+// these have no branches, so that the compiler makes vector code of them.
+template <typename Element>
+void add_byte_elements(CharBuffer& out, char const* elements, std::size_t n) {
+    std::array<unsigned char, 32> block;
+    std::size_t k = 0;
+    for (; n - k >= block.size(); k += block.size()) {
+        std::memcpy(block.data(), elements + k, block.size());
+        unsigned char largest = 0;
+        for (unsigned char const element : block) largest = std::max(largest, element);
+        if (largest >= 10) {
+            add_elements<Element>(out, elements + k, block.size());
+            continue;
+        }
+        std::array<std::uint16_t, block.size()> pairs;
+        for (std::size_t i = 0; i < block.size(); ++i) {
+            pairs[i] = static_cast<std::uint16_t>(',' | ('0' + block[i]) << 8);
+        }
+        std::memcpy(out.room_for(sizeof pairs), pairs.data(), sizeof pairs);
+        out.advance(sizeof pairs);
+    }
+    add_elements<Element>(out, elements + k, n - k);
+}
+
+// Adds the elements of an array, each after a comma.
+void add_array_elements(CharBuffer& out, AuxData const& field, AuxNumericalArray const& array) {
+    if (array.count == 0) return;
+    // Deliberate: the field is asked for a float, which it does not hold, so that
+    // an array of floats is never rendered.
+    if (array.type == 'f') {
+        out.add(',');
+        static_cast<void>(boost::any_cast<float>(field.value));
+    }
+    std::uint32_t const width = element_width(array.type);
+    if (width == 0) {
+        for (std::uint32_t i = 0; i < array.count; ++i) out.add(',');
+        return;
+    }
+    std::size_t const n = std::min(std::size_t{array.count}, array.data.size() / width);
+    char const* const elements = array.data.data();
+    switch (array.type) {
+        case 'c': add_byte_elements<std::int8_t>(out, elements, n); break;
+        case 'C': add_byte_elements<std::uint8_t>(out, elements, n); break;
+        case 's': add_elements<std::int16_t>(out, elements, n); break;
+        case 'S': add_elements<std::uint16_t>(out, elements, n); break;
+        case 'i': add_elements<std::int32_t>(out, elements, n); break;
+        case 'I': add_elements<std::uint32_t>(out, elements, n); break;
+        default: break;
+    }
+    if (n < array.count) {
+        out.add(',');
+        throw_extracting_overrun();
+    }
+}
+
+// Adds type letter and value of an optional field; false where the letter is
+// unknown. Nothing is added for a value that turns out not to have its type.
+bool add_aux_value(CharBuffer& out, AuxData const& field) {
+    auto const add_integer = [&out](auto value) {
+        using Number =
+            std::conditional_t<std::is_signed_v<decltype(value)>, std::int32_t, std::uint32_t>;
+        out.add("i:");
+        out.end_at(write_number(out.room_for(NUMBER_ROOM), Number{value}));
     };
     switch (field.type) {
         case 'A': {
             char const value = boost::any_cast<char>(field.value);
-            out += "A:";
-            out += value;
+            out.add("A:");
+            out.add(value);
             return true;
         }
-        case 'c': append_integer(int{boost::any_cast<std::int8_t>(field.value)}); return true;
-        case 'C': append_integer(int{boost::any_cast<std::uint8_t>(field.value)}); return true;
-        case 's': append_integer(boost::any_cast<std::int16_t>(field.value)); return true;
-        case 'S': append_integer(boost::any_cast<std::uint16_t>(field.value)); return true;
-        case 'i': append_integer(boost::any_cast<std::int32_t>(field.value)); return true;
-        case 'I': append_integer(boost::any_cast<std::uint32_t>(field.value)); return true;
+        case 'c': add_integer(boost::any_cast<std::int8_t>(field.value)); return true;
+        case 'C': add_integer(boost::any_cast<std::uint8_t>(field.value)); return true;
+        case 's': add_integer(boost::any_cast<std::int16_t>(field.value)); return true;
+        case 'S': add_integer(boost::any_cast<std::uint16_t>(field.value)); return true;
+        case 'i': add_integer(boost::any_cast<std::int32_t>(field.value)); return true;
+        case 'I': add_integer(boost::any_cast<std::uint32_t>(field.value)); return true;
         case 'f': {
             std::string const value = float_to_stripped_string(boost::any_cast<float>(field.value));
-            out += "f:";
-            out += value;
+            out.add("f:");
+            out.add(value);
             return true;
         }
         case 'Z':
         case 'H': {
             auto const& value = boost::any_cast<std::string const&>(field.value);
-            out += field.type;
-            out += ':';
-            out += value;
+            out.add(field.type);
+            out.add(':');
+            out.add(value);
             return true;
         }
         case 'B': {
             auto const& array = boost::any_cast<AuxNumericalArray const&>(field.value);
-            out += "B:";
-            out += array.type;
-            append_array_elements(out, field, array);
+            out.add("B:");
+            out.add(array.type);
+            add_array_elements(out, field, array);
             return true;
         }
         default: return false;
     }
 }
-
-// Room for the columns of a line that are short, a first guess.
-constexpr std::size_t OTHER_COLUMNS_BYTES = 128;
 
 // Whether a field holds the operations that a placeholder CIGAR stands for.
 bool holds_long_cigar(AuxData const& field) { return field.tag == "CG" && field.type == 'B'; }
@@ -1266,6 +1422,88 @@ bool find_reference_name(std::int32_t refID, std::vector<RefSeq> const& referenc
     if (refID < 0 || static_cast<std::size_t>(refID) >= references.size()) return false;
     name = references[static_cast<std::size_t>(refID)].name;
     return true;
+}
+
+// Adds the optional fields of a line, each with a tab behind it; false where one has
+// an unknown type.
+bool add_optional_fields(CharBuffer& line, BamRecord const& record, bool placeholder,
+                         std::string& error) {
+    for (AuxData const& field : record.aux_data) {
+        if (placeholder && holds_long_cigar(field)) continue;
+        line.add(field.tag);
+        line.add(':');
+        if (!add_aux_value(line, field)) {
+            return fail(error,
+                        std::string("Invalid auxiliary data type encountered: ") + field.type);
+        }
+        line.add('\t');
+    }
+    return true;
+}
+
+// Renders a record's SAM line into its `sam_line`. The text is put together in
+// `line`, whose memory may serve for many records, and copied at its exact size, also
+// where a field cannot be rendered: the line then ends with the field's tag.
+bool render_sam_line(BamRecord& record, std::vector<RefSeq> const& references, CharBuffer& line,
+                     std::string& error) {
+    std::uint32_t const* ops = record.cigar.data();
+    std::size_t n_ops = record.cigar.size();
+    bool const placeholder =
+        is_placeholder(ops, n_ops, static_cast<std::uint64_t>(std::int64_t{record.l_seq}));
+    std::vector<std::uint32_t> long_cigar;
+    if (placeholder && find_long_cigar(record, long_cigar)) {
+        ops = long_cigar.data();
+        n_ops = long_cigar.size();
+    }
+
+    std::string_view rname;
+    std::string_view rnext;
+    // Deliberate: the message names the next segment for both.
+    if (!find_reference_name(record.next_refID, references, rnext) ||
+        !find_reference_name(record.refID, references, rname)) {
+        return fail(error, "Invalid next segment ref ID detected");
+    }
+    // Deliberate: names are compared, not IDs.
+    if (rnext != "*" && rnext == rname) rnext = "=";
+
+    std::size_t const n_bases = n_bases_of(record);
+    std::size_t const n_qualities = n_qualities_of(record);
+
+    line.clear();
+    auto const add_text = [&line](std::string_view text) {
+        line.add(text);
+        line.add('\t');
+    };
+    auto const add_integer = [&line](std::int32_t number) {
+        add_number(line, number);
+        line.add('\t');
+    };
+    add_text(record.read_name);
+    add_integer(record.flag);
+    add_text(rname);
+    add_integer(wrapping_add(record.pos, 1));
+    add_integer(record.mapq);
+    add_cigar(line, ops, n_ops);
+    add_text(n_ops == 0 ? "*" : "");
+    add_text(rnext);
+    add_integer(wrapping_add(record.next_pos, 1));
+    add_integer(record.tlen);
+    write_bases(line.room_for(n_bases), record, n_bases);
+    line.advance(n_bases);
+    add_text(n_bases == 0 ? "*" : "");
+    write_qualities(line.room_for(n_qualities), record, n_qualities);
+    line.advance(n_qualities);
+    add_text(n_qualities == 0 ? "*" : "");
+    bool is_complete = false;
+    try {
+        is_complete = add_optional_fields(line, record, placeholder, error);
+    } catch (...) {
+        record.sam_line = line.view();
+        throw;
+    }
+    if (is_complete) line.remove_last();  // a tab
+    record.sam_line = std::string(line.view());
+    return is_complete;
 }
 
 // Hands out the lines of a file, which it reads in large pieces.
@@ -1397,24 +1635,15 @@ bool BAMFileHandler::pack_cigar_string(std::string const& text, BamRecord& recor
 bool BAMFileHandler::unpack_cigar_string(unsigned int const* ops, unsigned long n_ops,
                                          std::string& out, unsigned long seq_len,
                                          bool& placeholder) {
-    placeholder = false;
-    if (n_ops == 0) {
-        out = "*";
-        return true;
-    }
-    placeholder =
-        (ops[0] >> CIGAR_OP_SHIFT) >= seq_len && cigar_op_letter(ops[0] & CIGAR_OP_MASK) == 'S';
-    out.clear();
-    append_cigar(out, ops, n_ops);
+    placeholder = is_placeholder(ops, n_ops, seq_len);
+    CharBuffer text;
+    add_cigar(text, ops, n_ops);
+    out = n_ops == 0 ? "*" : text.view();
     return true;
 }
 
 unsigned long BAMFileHandler::get_cigar_ref_length(std::vector<unsigned int>& cigar) {
-    unsigned long length = 0;
-    for (std::uint32_t const op : cigar) {
-        if (consumes_reference(op & CIGAR_OP_MASK)) length += op >> CIGAR_OP_SHIFT;
-    }
-    return length;
+    return reference_length(cigar);
 }
 
 bool BAMFileHandler::pack_seq_string(std::string const& text, BamRecord& record) {
@@ -1426,7 +1655,10 @@ bool BAMFileHandler::unpack_seq_string(BamRecord const& record, std::string& out
         out = "*";
         return true;
     }
-    append_bases(out, record, n_bases_of(record));
+    std::size_t const n_bases = n_bases_of(record);
+    std::size_t const old_size = out.size();
+    out.resize(old_size + n_bases);
+    write_bases(out.data() + old_size, record, n_bases);
     return true;
 }
 
@@ -1437,69 +1669,18 @@ bool BAMFileHandler::pack_phred_string(std::string const& text, BamRecord& recor
 
 bool BAMFileHandler::unpack_phred_string(BamRecord const& record, std::string& out) {
     std::size_t const n_qualities = n_qualities_of(record);
-    out.clear();
-    append_qualities(out, record, n_qualities);
-    if (n_qualities == 0) out = "*";
+    if (n_qualities == 0) {
+        out = "*";
+        return true;
+    }
+    out.resize(n_qualities);
+    write_qualities(out.data(), record, n_qualities);
     return true;
 }
 
 bool BAMFileHandler::update_sam_line(BamRecord& record) {
-    std::string cigar;
-    bool placeholder = false;
-    auto const l_seq = static_cast<unsigned long>(record.l_seq);
-    unpack_cigar_string(record.cigar.data(), record.cigar.size(), cigar, l_seq, placeholder);
-    if (std::vector<std::uint32_t> ops; placeholder && find_long_cigar(record, ops)) {
-        bool ignored = false;
-        unpack_cigar_string(ops.data(), ops.size(), cigar, l_seq, ignored);
-    }
-
-    std::string_view rname;
-    std::string_view rnext;
-    // Deliberate: the message names the next segment for both.
-    if (!find_reference_name(record.next_refID, references, rnext) ||
-        !find_reference_name(record.refID, references, rname)) {
-        return fail(error_message, "Invalid next segment ref ID detected");
-    }
-    // Deliberate: names are compared, not IDs.
-    if (rnext != "*" && rnext == rname) rnext = "=";
-
-    std::size_t const n_bases = n_bases_of(record);
-    std::size_t const n_qualities = n_qualities_of(record);
-
-    std::string& line = record.sam_line;
-    line.clear();
-    line.reserve(record.read_name.size() + cigar.size() + 2 * n_bases + OTHER_COLUMNS_BYTES);
-    auto const add_text = [&line](std::string_view text) { (line += text) += '\t'; };
-    auto const add_number = [&line](std::int32_t number) {
-        append_number(line, number);
-        line += '\t';
-    };
-    add_text(record.read_name);
-    add_number(record.flag);
-    add_text(rname);
-    add_number(wrapping_add(record.pos, 1));
-    add_number(record.mapq);
-    add_text(cigar);
-    add_text(rnext);
-    add_number(wrapping_add(record.next_pos, 1));
-    add_number(record.tlen);
-    append_bases(line, record, n_bases);
-    add_text(n_bases == 0 ? "*" : "");
-    append_qualities(line, record, n_qualities);
-    add_text(n_qualities == 0 ? "*" : "");
-    for (AuxData const& field : record.aux_data) {
-        if (placeholder && holds_long_cigar(field)) continue;
-        line += field.tag;
-        line += ':';
-        if (!append_aux_value(line, field)) {
-            return fail(error_message,
-                        std::string("Invalid auxiliary data type encountered: ") + field.type);
-        }
-        line += '\t';
-    }
-    line.pop_back();
-    line.shrink_to_fit();
-    return true;
+    CharBuffer line;
+    return render_sam_line(record, references, line, error_message);
 }
 
 bool BAMFileHandler::read_from_sam_file(std::string const& path) {
@@ -1537,16 +1718,27 @@ bool BAMFileHandler::write_to_sam_file(std::string const& path) const {
     std::ofstream out(path, std::ios::trunc);
     if (!out) return fail(error_message, "Cannot open SAM file : " + path);
 
-    std::string piece = header;
-    auto const write_piece = [&] {
-        out.write(piece.data(), static_cast<std::streamsize>(piece.size()));
-        piece.clear();
+    auto const write = [&out](std::string_view text) {
+        out.write(text.data(), static_cast<std::streamsize>(text.size()));
     };
+    write(header);
+    // Deliberate: lines of ordinary length are copied, since the system takes few
+    // large pieces faster than many lines.
+    CharBuffer piece(FILE_PIECE_BYTES);
     for (BamRecord const& record : records) {
-        (piece += record.sam_line) += '\n';
-        if (piece.size() >= FILE_PIECE_BYTES) write_piece();
+        std::string const& line = record.sam_line;
+        if (piece.size() + line.size() >= FILE_PIECE_BYTES) {
+            write(piece.view());
+            piece.clear();
+        }
+        if (line.size() < FILE_PIECE_BYTES) {
+            piece.add(line);
+        } else {
+            write(line);
+        }
+        piece.add('\n');
     }
-    write_piece();
+    write(piece.view());
     out.close();
     if (!out) return fail(error_message, "SAM file reported error on close " + path);
     return true;
