@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -1695,6 +1696,78 @@ TEST(BamReader, Read_RecordsAcrossBlocks_AreJoined) {
         ASSERT_TRUE(read.result) << read.handler.error_message;
         EXPECT_EQ(sam_lines(read.handler), (Strings{FULL_RECORD_SAM, UNPLACED_SAM}));
     }
+}
+
+TEST(BamReader, Read_FileOfManyPieces_GivesEveryRecord) {
+    // Names and scores that do not compress, so that the file is long.
+    std::mt19937 random(1);
+    std::string payload = encode_bam_header("", {});
+    Strings lines;
+    for (int i = 0; i < 400; ++i) {
+        std::string const name = "r" + std::to_string(random());
+        std::string qualities(2000 + random() % 3000, '!');
+        for (char& score : qualities) score = static_cast<char>('!' + random() % 90);
+        std::string const bases(qualities.size(), 'A');
+        lines.push_back(name + "\t4\t*\t0\t0\t*\t*\t0\t0\t" + bases + '\t' + qualities);
+        payload += encode_bam_record(lines.back(), {});
+    }
+    for (std::size_t const block_size : {100U, 5000U, 65280U}) {
+        SCOPED_TRACE(block_size);
+        std::string const file = bgzf_blocks(payload, block_size) + bgzf_eof_block();
+        ASSERT_GT(file.size(), std::size_t{1} << 20);
+        FileRead const read = read_bam(file);
+        ASSERT_TRUE(read.result) << read.handler.error_message;
+        EXPECT_TRUE(sam_lines(read.handler) == lines);
+
+        // A byte that lacks at the end of a block whose end is not the file's.
+        std::string const cut = file.substr(0, file.size() - bgzf_eof_block().size() - 1);
+        FileRead const damaged = read_bam(cut);
+        EXPECT_FALSE(damaged.result);
+        EXPECT_TRUE(damaged.handler.records.empty());
+    }
+
+    FileRead const read = read_bam(bam_of(payload));
+    TempDir const dir;
+    Handler again;
+    ASSERT_TRUE(read.handler.write_to_bam_file(dir.file("again.bam"), false));
+    ASSERT_TRUE(again.read_from_bam_file(dir.file("again.bam"))) << again.error_message;
+    EXPECT_TRUE(sam_lines(again) == lines);
+}
+
+TEST(BamReader, Read_Records_TakeNoMoreMemoryThanTheyNeed) {
+    std::string const header = "@SQ\tSN:chr1\tLN:1000\n";
+    std::vector<Reference> const references = references_of(header);
+    std::string const text(100, 'x');
+    std::string const line = text +
+                             "\t0\tchr1\t5\t9\t1M1I2M\t=\t7\t-3\tACGT\tIIII\tXA:A:q\tXi:i:1" +
+                             "\tXf:f:1.5\tXZ:Z:" + text + "\tXH:H:1AE3\tXB:B:i,1,-2\tXC:B:c,1";
+    std::string payload = encode_bam_header(header, references);
+    for (int i = 0; i < 100; ++i) payload += encode_bam_record(line, references);
+    FileRead const read = read_bam(bam_of(payload));
+    ASSERT_TRUE(read.result) << read.handler.error_message;
+    ASSERT_EQ(read.handler.records.size(), 100U);
+    EXPECT_EQ(read.handler.records.capacity(), 100U);
+    BamRecord const& record = read.handler.records.back();
+    EXPECT_EQ(record.sam_line, line);
+    EXPECT_EQ(record.sam_line.capacity(), record.sam_line.size());
+    EXPECT_EQ(record.read_name.capacity(), record.read_name.size());
+    EXPECT_EQ(record.cigar.capacity(), 3U);
+    EXPECT_EQ(record.seq.capacity(), 2U);
+    EXPECT_EQ(record.qual.capacity(), 4U);
+    EXPECT_EQ(record.aux_data.size(), 7U);
+    EXPECT_EQ(record.aux_data.capacity(), 7U);
+}
+
+TEST(BamReader, Read_Pipe_CannotBeOpened) {
+    TempDir const dir;
+    std::string const path = dir.file("pipe");
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    // Held open at both ends, so that opening it does not wait.
+    std::fstream const ends(path, std::ios::in | std::ios::out);
+    ASSERT_TRUE(ends.is_open());
+    Handler handler;
+    EXPECT_FALSE(handler.read_from_bam_file(path));
+    EXPECT_EQ(handler.error_message, "Cannot open file " + path);
 }
 
 TEST(BamReader, Read_EmptyBlockAnywhere_PassesAsEndOfFile) {

@@ -525,6 +525,36 @@ TEST(DamagedBam, BlockSizeField_ThatLies_IsRefusedWithoutAllocation) {
     }
 }
 
+TEST(DamagedBam, BlocksThatLieAboutTheirPayload_AreRefusedWithoutAllocation) {
+    // Together they claim far more than their few bytes can hold.
+    std::string const file = bam_of(SmallBam().payload);
+    std::string liar = bgzf_block("x");
+    liar.replace(liar.size() - 4, 4, le_bytes(std::uint32_t{65536}));
+    std::string liars;
+    for (int i = 0; i < 100; ++i) liars += liar;
+    Victim victim;
+    for (std::string const& damaged : {liars + file, file + liars, liars}) {
+        EXPECT_EQ(victim.read(damaged), Outcome::REFUSED);
+        EXPECT_NE(victim.message().find("Inflate did not produce expected amount of data"),
+                  std::string::npos);
+        EXPECT_EQ(victim.n_records(), 0U);
+    }
+}
+
+TEST(DamagedBam, RecordsThatLieAboutTheirSize_AreRefusedWithoutAllocation) {
+    // Sizes that chain through the payload in steps too small for a record, or of the
+    // least size, the first of which is no record.
+    std::string const header = encode_bam_header("", {});
+    Victim victim;
+    for (std::uint32_t const size : {0U, 1U, 31U, 32U, 33U}) {
+        SCOPED_TRACE(size);
+        std::string records;
+        while (records.size() < 10000) records += le_bytes(size) + std::string(size, '\x7F');
+        EXPECT_EQ(victim.read(bam_of(header + records)), Outcome::REFUSED);
+        EXPECT_EQ(victim.n_records(), 0U);
+    }
+}
+
 // Damage of several kinds at once, the same in every run.
 std::string mutated(std::string bytes, std::mt19937& random) {
     static constexpr std::uint32_t NUMBERS[] = {0,          1,          0x7FFFFFFF, 0x80000000,

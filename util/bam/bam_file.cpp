@@ -2175,18 +2175,79 @@ private:
     std::vector<char> block_ = std::vector<char>(MAX_BLOCK_BYTES + BGZF_FRAME_BYTES);
 };
 
+// Hands out the bytes of a file. The stream's state is not looked at: missing bytes
+// are zero.
+class ByteReader {
+public:
+    // Reads `ahead` bytes at a time; no byte too many if that is 0.
+    ByteReader(std::istream& in, std::size_t ahead)
+        : in_(in),
+          bytes_(std::max(ahead, MAX_BLOCK_BYTES)),
+          room_(std::max(ahead, MAX_BLOCK_BYTES)),
+          ahead_(ahead),
+          is_short_(!in) {}
+
+    // The next n bytes, at most MAX_BLOCK_BYTES, valid until the next call.
+    char const* take(std::size_t n) {
+        if (n > end_ - begin_) read_more(n);
+        char const* const bytes = bytes_.data() + begin_;
+        std::size_t const n_there = std::min(n, end_ - begin_);
+        bytes_taken_ += static_cast<std::streamoff>(n_there);
+        is_short_ = is_short_ || n_there < n;
+        begin_ += n_there;
+        return bytes;
+    }
+
+    // Bytes of the file that have been handed out.
+    std::streamoff bytes_taken() const { return bytes_taken_; }
+
+    // Whether bytes were missing, or the stream had failed beforehand.
+    bool is_short() const { return is_short_; }
+
+private:
+    // Moves what is left to the front and reads on behind it.
+    void read_more(std::size_t n) {
+        char* const bytes = bytes_.data();
+        end_ -= begin_;
+        std::memmove(bytes, bytes + begin_, end_);
+        begin_ = 0;
+        std::size_t const n_wanted = ahead_ == 0 ? n : room_;
+        in_.read(bytes + end_, static_cast<std::streamsize>(n_wanted - end_));
+        end_ += static_cast<std::size_t>(in_.gcount());
+        if (end_ < n) std::memset(bytes + end_, 0, n - end_);
+    }
+
+    std::istream& in_;
+    CharBuffer bytes_;
+    std::size_t room_;
+    std::size_t ahead_;
+    std::size_t begin_ = 0;  // what has been read and not handed out
+    std::size_t end_ = 0;
+    std::streamoff bytes_taken_ = 0;
+    bool is_short_;
+};
+
+// A BGZF block as a file holds it.
+struct BgzfBlock {
+    char const* cdata = nullptr;
+    std::size_t cdata_bytes = 0;
+    std::uint32_t crc32 = 0;
+    std::uint32_t isize = 0;  // what the file says
+
+    // Room for the payload, as far as there may be one.
+    std::size_t payload_room() const { return std::min(std::size_t{isize}, MAX_BLOCK_BYTES); }
+};
+
 // Reads BGZF blocks from a BAM file.
 class BlockReader {
 public:
-    BlockReader(std::ifstream& in, std::string const& file_name, std::string& error)
+    BlockReader(ByteReader& in, std::string const& file_name, std::string& error)
         : in_(in), file_name_(file_name), error_(error) {}
 
-    // Appends the payload of the next block to `out`, which is as before where the
-    // result is false. The stream's state is not looked at: missing bytes are zero
-    // and fail a check.
-    bool read(std::vector<char>& out) {
-        char header[BGZF_HEADER_BYTES];
-        read_bytes(header, sizeof header);
+    // The next block, valid until the next call. Missing bytes fail a check, here or
+    // when the block is inflated.
+    bool read(BgzfBlock& block) {
+        char const* const header = in_.take(BGZF_HEADER_BYTES);
         if (std::memcmp(header, HEADER_BYTES.data(), BGZF_MAGIC_BYTES) != 0) {
             return fail(error_, "Encountered malformed BGZF header in file " + file_name_);
         }
@@ -2202,52 +2263,60 @@ public:
         if (block_bytes < BGZF_FRAME_BYTES) {
             return fail(error_, "Encountered over-sized BGZF block in file " + file_name_);
         }
-
-        std::size_t const cdata_bytes = block_bytes - BGZF_FRAME_BYTES;
-        char trailer[BGZF_TRAILER_BYTES];
-        read_bytes(cdata_.data(), cdata_bytes);
-        read_bytes(trailer, sizeof trailer);
-        BamBuffer fields{trailer, sizeof trailer};
-        auto const crc32 = fields.get<std::uint32_t>();
-        auto const isize = fields.get<std::uint32_t>();
-
-        std::size_t const old_size = out.size();
-        out.resize(old_size + std::min(std::size_t{isize}, MAX_BLOCK_BYTES));
-        char* const payload = out.data() + old_size;
-        std::string reason;
-        bool const inflated =
-            inflate_checked(inflater_, cdata_.data(), cdata_bytes, payload, isize, reason);
-        if (inflated && crc32_of(payload, isize) == crc32) return true;
-        out.resize(old_size);
-        if (inflated) return fail(error_, "CRC mismatch after decompressing BGZF block!");
-        return fail(error_,
-                    "BGZF block did not unzip correctly in file " + file_name_ + " : " + reason);
+        block.cdata_bytes = block_bytes - BGZF_FRAME_BYTES;
+        block.cdata = in_.take(block.cdata_bytes + BGZF_TRAILER_BYTES);
+        char const* const trailer = block.cdata + block.cdata_bytes;
+        std::memcpy(&block.crc32, trailer, sizeof block.crc32);
+        std::memcpy(&block.isize, trailer + sizeof block.crc32, sizeof block.isize);
+        return true;
     }
 
-    // Bytes of the file that the blocks so far have taken.
-    std::streamoff bytes_read() const { return bytes_read_; }
+    // Inflates a block into its payload_room().
+    bool inflate(BgzfBlock const& block, char* payload) {
+        std::string reason;
+        if (!inflate_checked(inflater_, block.cdata, block.cdata_bytes, payload, block.isize,
+                             reason)) {
+            return fail(error_, "BGZF block did not unzip correctly in file " + file_name_ + " : " +
+                                    reason);
+        }
+        if (crc32_of(payload, block.isize) == block.crc32) return true;
+        return fail(error_, "CRC mismatch after decompressing BGZF block!");
+    }
 
 private:
-    void read_bytes(char* bytes, std::size_t n) {
-        in_.read(bytes, static_cast<std::streamsize>(n));
-        auto const n_read = static_cast<std::size_t>(in_.gcount());
-        std::memset(bytes + n_read, 0, n - n_read);
-        bytes_read_ += in_.gcount();
-    }
-
     static std::uint16_t u16_at(char const* bytes, std::size_t offset) {
         std::uint16_t value = 0;
         std::memcpy(&value, bytes + offset, sizeof value);
         return value;
     }
 
-    std::ifstream& in_;
+    ByteReader& in_;
     std::string const& file_name_;
     std::string& error_;
-    std::streamoff bytes_read_ = 0;
     Inflater inflater_;
-    std::vector<char> cdata_ = std::vector<char>(MAX_BLOCK_BYTES);
 };
+
+// What the file is read in pieces of.
+constexpr std::size_t BAM_PIECE_BYTES = std::size_t{1} << 18;
+
+// Room for the payload of a BAM file, as its blocks state it up to the first that is
+// none; exact for a file that can be read. The stream is then at its beginning.
+std::size_t payload_room_of(std::istream& in, std::streamoff file_size) {
+    // Deflate makes no more than this of a byte.
+    constexpr std::size_t MAX_RATIO = 1032;
+    std::string const no_name;
+    std::string ignored;
+    ByteReader bytes(in, BAM_PIECE_BYTES);
+    BlockReader blocks(bytes, no_name, ignored);
+    std::size_t room = 0;
+    BgzfBlock block;
+    while (bytes.bytes_taken() < file_size && blocks.read(block)) {
+        room += std::min(block.payload_room(), MAX_RATIO * block.cdata_bytes);
+    }
+    in.clear();
+    in.seekg(0);
+    return room;
+}
 
 // Bytes of a record's fixed fields, block_size included, and of the NUL behind
 // its name.
@@ -2323,18 +2392,18 @@ char const* take_bytes(BamBuffer& buffer, std::int64_t n) {
 
 // A text of at most n bytes, which ends before its first NUL.
 std::string take_text(BamBuffer& buffer, std::size_t n) {
-    char const* const text = buffer.get_bytes(n);
-    return {text, std::find(text, text + n, '\0')};
+    std::string_view const text(buffer.get_bytes(n), n);
+    return std::string(text.substr(0, text.find('\0')));
 }
 
 // A text that ends at a NUL, which is stepped over.
 std::string take_nul_terminated_text(BamBuffer& buffer) {
     char const* const begin = buffer.get_bytes(0);
-    char const* const end = buffer.data + buffer.size;
-    char const* const nul = std::find(begin, end, '\0');
-    if (nul == end) throw_extracting_overrun();
-    buffer.get_bytes(static_cast<std::size_t>(nul - begin) + 1);
-    return {begin, nul};
+    std::string_view const rest(begin, buffer.size - buffer.pos);
+    std::size_t const length = rest.find('\0');
+    if (length == std::string_view::npos) throw_extracting_overrun();
+    buffer.get_bytes(length + 1);
+    return std::string(rest.substr(0, length));
 }
 
 AuxNumericalArray take_array(BamBuffer& buffer) {
@@ -2367,6 +2436,120 @@ bool take_aux_value(BamBuffer& buffer, char type, boost::any& value) {
         case 'B': value = take_array(buffer); return true;
         default: return false;
     }
+}
+
+// Number of optional fields from the cursor to a record's end, up to the first that
+// is damaged.
+std::size_t count_aux_fields(BamBuffer const& buffer, std::int64_t record_end) {
+    constexpr std::size_t TAG_AND_TYPE_BYTES = 3;
+    constexpr std::size_t TYPE_AND_COUNT_BYTES = 5;
+    auto const left = static_cast<std::int64_t>(buffer.size - buffer.pos);
+    std::int64_t const n_bytes = std::min(record_end - static_cast<std::int64_t>(buffer.pos), left);
+    if (n_bytes <= 0) return 0;
+    std::string_view rest(buffer.data + buffer.pos, static_cast<std::size_t>(n_bytes));
+    std::size_t n_fields = 0;
+    while (rest.size() > TAG_AND_TYPE_BYTES) {
+        char const type = rest[TAG_AND_TYPE_BYTES - 1];
+        rest.remove_prefix(TAG_AND_TYPE_BYTES);
+        std::uint64_t value_bytes = type == 'A' ? 1 : element_width(type);
+        if (type == 'Z' || type == 'H') {
+            value_bytes = std::uint64_t{rest.find('\0')} + 1;
+            if (value_bytes == 0) break;  // no NUL
+        } else if (type == 'B') {
+            if (rest.size() < TYPE_AND_COUNT_BYTES) break;
+            std::uint32_t count = 0;
+            std::memcpy(&count, rest.data() + 1, sizeof count);
+            value_bytes = TYPE_AND_COUNT_BYTES + std::uint64_t{count} * element_width(rest[0]);
+        }
+        if (value_bytes == 0 || value_bytes > rest.size()) break;
+        rest.remove_prefix(static_cast<std::size_t>(value_bytes));
+        ++n_fields;
+    }
+    return n_fields;
+}
+
+// Reads a record, except its SAM line.
+bool take_record(BamRecord& record, BamBuffer& buffer, std::string const& file_name,
+                 std::string& error) {
+    auto const block_size = buffer.get<std::int32_t>();
+    std::int64_t const record_end = static_cast<std::int64_t>(buffer.pos) + block_size;
+    auto const is_before_end = [&] { return static_cast<std::int64_t>(buffer.pos) < record_end; };
+
+    record.refID = buffer.get<std::int32_t>();
+    record.pos = buffer.get<std::int32_t>();
+    auto const l_read_name = buffer.get<std::uint8_t>();
+    record.mapq = buffer.get<std::uint8_t>();
+    record.bin = buffer.get<std::uint16_t>();
+    auto const n_cigar_op = buffer.get<std::uint16_t>();
+    record.flag = buffer.get<std::uint16_t>();
+    record.l_seq = buffer.get<std::int32_t>();
+    record.next_refID = buffer.get<std::int32_t>();
+    record.next_pos = buffer.get<std::int32_t>();
+    record.tlen = buffer.get<std::int32_t>();
+    record.read_name = take_text(buffer, l_read_name);
+
+    std::size_t const cigar_bytes = n_cigar_op * sizeof record.cigar[0];
+    char const* const cigar = buffer.get_bytes(cigar_bytes);
+    record.cigar.resize(n_cigar_op);
+    if (cigar_bytes != 0) std::memcpy(record.cigar.data(), cigar, cigar_bytes);
+    record.ref_length = reference_length(record.cigar);
+
+    // Signed, so that the rounding of a wrapped length is that of 32-bit division.
+    std::int32_t const seq_bytes = wrapping_add(record.l_seq, 1) / 2;
+    auto const* const seq = reinterpret_cast<std::uint8_t const*>(take_bytes(buffer, seq_bytes));
+    record.seq.assign(seq, seq + seq_bytes);
+    char const* const qual = take_bytes(buffer, record.l_seq);
+    record.qual.assign(qual, qual + record.l_seq);
+
+    if (is_before_end()) record.aux_data.reserve(count_aux_fields(buffer, record_end));
+    while (is_before_end()) {
+        AuxData& field = record.aux_data.emplace_back();
+        field.tag = std::string(buffer.get_bytes(2), 2);
+        field.type = buffer.get<char>();
+        if (!take_aux_value(buffer, field.type, field.value)) {
+            return fail(error,
+                        "Invalid auxiliary data type found in alignment record in " + file_name);
+        }
+    }
+    if (static_cast<std::int64_t>(buffer.pos) != record_end) {
+        return fail(error, "BAM file block length mismatch in file " + file_name);
+    }
+    return true;
+}
+
+// Reads the record at the cursor to the end of `records`, which is as before where
+// that fails.
+bool append_record(std::vector<BamRecord>& records, BamBuffer& buffer,
+                   std::vector<RefSeq> const& references, CharBuffer& line,
+                   std::string const& file_name, std::string& error) {
+    bool is_complete = false;
+    BamRecord& record = records.emplace_back();
+    auto const drop_incomplete = gsl::finally([&] {
+        if (!is_complete) records.pop_back();
+    });
+    if (!take_record(record, buffer, file_name, error)) return false;
+    if (!render_sam_line(record, references, line, error)) {
+        return fail(error, "SAM line generation failed: " + error);
+    }
+    is_complete = true;
+    return true;
+}
+
+// Number of records from the cursor on, as far as their sizes are possible.
+std::size_t count_records(BamBuffer const& buffer) {
+    constexpr std::size_t MIN_BLOCK_SIZE = 32;  // the fixed fields
+    std::size_t n_records = 0;
+    std::size_t left = buffer.size - buffer.pos;
+    for (char const* next = buffer.data + buffer.pos; left >= sizeof(std::uint32_t);) {
+        std::uint32_t block_size = 0;
+        std::memcpy(&block_size, next, sizeof block_size);
+        left -= sizeof block_size;
+        if (block_size < MIN_BLOCK_SIZE || block_size > left) break;
+        next += sizeof block_size + block_size;
+        left -= block_size;
+        ++n_records;
+    }
+    return n_records;
 }
 
 // Gathers the index of a BAM file from its records, in the order in which they
@@ -2531,7 +2714,15 @@ bool BAMFileHandler::write_BGZF_blocks_to_BAM(std::ofstream& out, std::vector<ch
 }
 
 bool BAMFileHandler::read_BGZF_block_from_BAM(std::ifstream& in, std::vector<char>& out) {
-    return BlockReader(in, file_name, error_message).read(out);
+    ByteReader bytes(in, 0);
+    BlockReader blocks(bytes, file_name, error_message);
+    BgzfBlock block;
+    if (!blocks.read(block)) return false;
+    std::size_t const old_size = out.size();
+    out.resize(old_size + block.payload_room());
+    if (blocks.inflate(block, out.data() + old_size)) return true;
+    out.resize(old_size);
+    return false;
 }
 
 bool BAMFileHandler::serialise_bam_record_to_buffer(BamRecord const& record,
@@ -2570,54 +2761,8 @@ bool BAMFileHandler::serialise_bam_record_to_buffer(BamRecord const& record,
 }
 
 bool BAMFileHandler::extract_alignment_from_buffer(BamBuffer& buffer) {
-    BamRecord record;
-    auto const block_size = buffer.get<std::int32_t>();
-    std::int64_t const record_end = static_cast<std::int64_t>(buffer.pos) + block_size;
-    auto const is_before_end = [&] { return static_cast<std::int64_t>(buffer.pos) < record_end; };
-
-    record.refID = buffer.get<std::int32_t>();
-    record.pos = buffer.get<std::int32_t>();
-    auto const l_read_name = buffer.get<std::uint8_t>();
-    record.mapq = buffer.get<std::uint8_t>();
-    record.bin = buffer.get<std::uint16_t>();
-    auto const n_cigar_op = buffer.get<std::uint16_t>();
-    record.flag = buffer.get<std::uint16_t>();
-    record.l_seq = buffer.get<std::int32_t>();
-    record.next_refID = buffer.get<std::int32_t>();
-    record.next_pos = buffer.get<std::int32_t>();
-    record.tlen = buffer.get<std::int32_t>();
-    record.read_name = take_text(buffer, l_read_name);
-
-    std::size_t const cigar_bytes = n_cigar_op * sizeof record.cigar[0];
-    char const* const cigar = buffer.get_bytes(cigar_bytes);
-    record.cigar.resize(n_cigar_op);
-    if (cigar_bytes != 0) std::memcpy(record.cigar.data(), cigar, cigar_bytes);
-    record.ref_length = get_cigar_ref_length(record.cigar);
-
-    // Signed, so that the rounding of a wrapped length is that of 32-bit division.
-    std::int32_t const seq_bytes = wrapping_add(record.l_seq, 1) / 2;
-    char const* const seq = take_bytes(buffer, seq_bytes);
-    record.seq.assign(seq, seq + seq_bytes);
-    char const* const qual = take_bytes(buffer, record.l_seq);
-    record.qual.assign(qual, qual + record.l_seq);
-
-    while (is_before_end()) {
-        AuxData& field = record.aux_data.emplace_back();
-        field.tag.assign(buffer.get_bytes(2), 2);
-        field.type = buffer.get<char>();
-        if (!take_aux_value(buffer, field.type, field.value)) {
-            return fail(error_message,
-                        "Invalid auxiliary data type found in alignment record in " + file_name);
-        }
-    }
-    if (static_cast<std::int64_t>(buffer.pos) != record_end) {
-        return fail(error_message, "BAM file block length mismatch in file " + file_name);
-    }
-    if (!update_sam_line(record)) {
-        return fail(error_message, "SAM line generation failed: " + error_message);
-    }
-    records.push_back(std::move(record));
-    return true;
+    CharBuffer line;
+    return append_record(records, buffer, references, line, file_name, error_message);
 }
 
 bool BAMFileHandler::read_from_bam_file(std::string const& path) {
@@ -2632,26 +2777,33 @@ bool BAMFileHandler::read_from_bam_file(std::string const& path) {
     std::streamoff const file_size = static_cast<std::int32_t>(in.tellg());
     in.seekg(0);
 
-    std::vector<char> payload;
+    // A file that changes meanwhile may need more.
+    CharBuffer payload(in ? payload_room_of(in, file_size) : 0);
     bool saw_empty_block = false;
-    BlockReader blocks(in, file_name, error_message);
-    // A stream that has failed has no position.
-    while (in && blocks.bytes_read() != file_size) {
-        std::size_t const old_size = payload.size();
-        if (!blocks.read(payload)) return false;
+    ByteReader bytes(in, BAM_PIECE_BYTES);
+    BlockReader blocks(bytes, file_name, error_message);
+    BgzfBlock block;
+    while (!bytes.is_short() && bytes.bytes_taken() != file_size) {
+        if (!blocks.read(block)) return false;
+        std::size_t const n_bytes = block.payload_room();
+        if (!blocks.inflate(block, payload.room_for(n_bytes))) return false;
+        payload.advance(n_bytes);
         // Deliberate: an empty block anywhere will do.
-        if (payload.size() == old_size) saw_empty_block = true;
+        if (n_bytes == 0) saw_empty_block = true;
     }
     if (!saw_empty_block) {
         return fail(error_message,
                     "Final BGZF block was not the EOF sequence as expected in file " + file_name +
                         ". Perhaps the file is corrupt?");
     }
+    in.clear();  // of what reading ahead met
     in.close();
-    if (!in) return fail(error_message, "BAM file reported error on close " + file_name);
+    if (!in || bytes.is_short()) {
+        return fail(error_message, "BAM file reported error on close " + file_name);
+    }
 
     try {
-        return parse_bam_payload(payload);
+        return parse_bam_payload({payload.data(), payload.size()});
     } catch (std::runtime_error const& overrun) {
         return fail(error_message,
                     std::string("Reached end of uncompressed BAM buffer unexpectedly while "
@@ -2660,8 +2812,7 @@ bool BAMFileHandler::read_from_bam_file(std::string const& path) {
     }
 }
 
-bool BAMFileHandler::parse_bam_payload(std::vector<char>& payload) {
-    BamBuffer buffer{payload.data(), payload.size()};
+bool BAMFileHandler::parse_bam_payload(BamBuffer buffer) {
     if (std::memcmp(buffer.get_bytes(sizeof BAM_MAGIC_WORD), BAM_MAGIC_WORD,
                     sizeof BAM_MAGIC_WORD) != 0) {
         return fail(error_message, "BAM file did not contain well formed header: " + file_name);
@@ -2678,8 +2829,12 @@ bool BAMFileHandler::parse_bam_payload(std::vector<char>& payload) {
         auto const l_ref = buffer.get<std::int32_t>();
         references.push_back({std::move(name), l_ref});
     }
+    records.reserve(count_records(buffer));
+    CharBuffer line;
     while (buffer.pos != buffer.size) {
-        if (!extract_alignment_from_buffer(buffer)) return false;
+        if (!append_record(records, buffer, references, line, file_name, error_message)) {
+            return false;
+        }
     }
     return true;
 }

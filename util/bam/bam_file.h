@@ -759,7 +759,7 @@ private:
     bool parse_sam_fields(std::string_view line, BamRecord& record);
 
     // Takes over header, references and records of an inflated BAM file.
-    bool parse_bam_payload(std::vector<char>& payload);
+    bool parse_bam_payload(BamBuffer buffer);
 
     // The slot of a name, or where it belongs, free then; null once
     // `references_by_name` has taken the table's place.
