@@ -2123,11 +2123,15 @@ bool inflate_checked(Inflater& inflater, char const* data, std::size_t compresse
     return inflater.inflate_block(data, compressed_size, out, size, error);
 }
 
-// Appends bytes to a BAM file as BGZF blocks.
+// Appends bytes to a BAM file as BGZF blocks. Blocks are gathered into larger pieces;
+// the last one is written by flush(), or when the writer goes.
 class BlockWriter {
 public:
     BlockWriter(std::ofstream& out, std::size_t& bytes_written, std::string& error)
         : out_(out), bytes_written_(bytes_written), error_(error) {}
+    BlockWriter(BlockWriter const&) = delete;
+    BlockWriter& operator=(BlockWriter const&) = delete;
+    ~BlockWriter() { flush(); }
 
     // Writes all of `data`. `block_offset` becomes the virtual offset of the last
     // block written, `end_offset` that of the file's end. False, with blocks that
@@ -2143,10 +2147,21 @@ public:
         return !deflater_.could_not_be_set_up();
     }
 
+    void flush() {
+        std::string_view const piece = piece_.view();
+        if (piece.empty()) return;
+        piece_.clear();
+        out_.write(piece.data(), static_cast<std::streamsize>(piece.size()));
+    }
+
 private:
+    static constexpr std::size_t PIECE_BYTES = std::size_t{1} << 16;
+
     // Writes one block with as much of the data as fits; returns how much that is.
     std::size_t write_block(char const* data, std::size_t size) {
-        char* const cdata = block_.data() + BGZF_HEADER_BYTES;
+        // Deflating may fill MAX_BLOCK_BYTES before it is found to be too much.
+        char* const begin = piece_.room_for(MAX_BLOCK_BYTES + BGZF_FRAME_BYTES);
+        char* const cdata = begin + BGZF_HEADER_BYTES;
         std::size_t chunk = std::min(MAX_BLOCK_BYTES, size);
         std::size_t cdata_bytes = 0;
         deflater_.deflate_block(data, chunk, cdata, cdata_bytes, error_);
@@ -2156,13 +2171,14 @@ private:
         }
 
         std::size_t const block_bytes = cdata_bytes + BGZF_FRAME_BYTES;
-        BamBuffer block{block_.data(), block_bytes};
+        BamBuffer block{begin, block_bytes};
         block.put_bytes(reinterpret_cast<char const*>(HEADER_BYTES.data()), HEADER_BYTES.size());
         block.put(static_cast<std::uint16_t>(block_bytes - 1));  // BSIZE
         block.pos += cdata_bytes;                                // CDATA
         block.put(crc32_of(data, chunk));                        // CRC32
         block.put(static_cast<std::uint32_t>(chunk));            // ISIZE
-        out_.write(block_.data(), static_cast<std::streamsize>(block_bytes));
+        piece_.advance(block_bytes);
+        if (piece_.size() >= PIECE_BYTES) flush();
         bytes_written_ += block_bytes;
         return chunk;
     }
@@ -2171,8 +2187,7 @@ private:
     std::size_t& bytes_written_;
     std::string& error_;
     Deflater deflater_;
-    // Deflating may fill MAX_BLOCK_BYTES before it is found to be too much.
-    std::vector<char> block_ = std::vector<char>(MAX_BLOCK_BYTES + BGZF_FRAME_BYTES);
+    CharBuffer piece_;
 };
 
 // Hands out the bytes of a file. The stream's state is not looked at: missing bytes
@@ -2709,7 +2724,9 @@ std::vector<char> BAMFileHandler::decompress_data(char const* data, unsigned int
 bool BAMFileHandler::write_BGZF_blocks_to_BAM(std::ofstream& out, std::vector<char> const& data,
                                               unsigned long& block_offset,
                                               unsigned long& end_offset) const {
-    BlockWriter(out, bytes_written, error_message).write(data, block_offset, end_offset);
+    BlockWriter blocks(out, bytes_written, error_message);
+    blocks.write(data, block_offset, end_offset);
+    blocks.flush();
     return true;
 }
 
@@ -2880,6 +2897,7 @@ bool BAMFileHandler::write_to_bam_file(std::string const& path, bool write_index
     }
     if (write_index) gatherer.finish();
 
+    blocks.flush();
     out.write(reinterpret_cast<char const*>(END_OF_FILE_SEQ.data()), END_OF_FILE_SEQ.size());
     out.close();
     if (!out) return fail(error_message, "BAM file reported error on close " + file_name);
