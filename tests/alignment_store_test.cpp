@@ -424,6 +424,16 @@ TEST(AlignmentStore, AddAlignmentSam_GoodLine_AppendsRecordAndDropsTheOrder) {
     EXPECT_EQ(handler.records[2].read_name, "third");
 }
 
+TEST(AlignmentStore, AddAlignmentSam_LineWithRoomToSpare_KeepsLittleOfIt) {
+    BAMFileHandler handler;
+    std::string line = SamLine().field("CO:Z:" + std::string(1000, 'x')).text();
+    std::string const expected = line;
+    line.reserve(100000);
+    ASSERT_TRUE(handler.add_alignment_sam(std::move(line)));
+    EXPECT_EQ(handler.records.at(0).sam_line, expected);
+    EXPECT_LE(handler.records.at(0).sam_line.capacity(), expected.size() * 9 / 8);
+}
+
 TEST(AlignmentStore, AddAlignmentSam_NumberThatThrows_LeavesTheUnfinishedRecord) {
     BAMFileHandler handler = filled_handler();
     handler.error_message = "an earlier failure";

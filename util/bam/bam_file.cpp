@@ -1623,6 +1623,9 @@ bool BAMFileHandler::add_alignment_sam(std::string line) {
         return fail(error_message, "Sam to Bam parsing failed: " + error_message);
     }
     record.sam_line = std::move(line);
+    // A line that was read into a string that grew has much room to spare.
+    std::string const& kept = record.sam_line;
+    if (kept.capacity() - kept.size() > kept.size() / 8) record.sam_line.shrink_to_fit();
     has_sort_order = false;
     return true;
 }
@@ -1725,8 +1728,14 @@ bool BAMFileHandler::write_to_sam_file(std::string const& path) const {
     // Deliberate: lines of ordinary length are copied, since the system takes few
     // large pieces faster than many lines.
     CharBuffer piece(FILE_PIECE_BYTES);
-    for (BamRecord const& record : records) {
-        std::string const& line = record.sam_line;
+    // Lines lie anywhere, so they are asked for a while before they are copied.
+    constexpr std::size_t N_AHEAD = 8;
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        if (records.size() - i > N_AHEAD) {
+            char const* const ahead = records[i + N_AHEAD].sam_line.data();
+            for (std::size_t k = 0; k < 512; k += 64) __builtin_prefetch(ahead + k);
+        }
+        std::string const& line = records[i].sam_line;
         if (piece.size() + line.size() >= FILE_PIECE_BYTES) {
             write(piece.view());
             piece.clear();
