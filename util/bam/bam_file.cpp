@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <bitset>
 #include <cfloat>
 #include <charconv>
 #include <climits>
@@ -229,6 +228,63 @@ std::uint32_t short_number(char const* digits, std::size_t n_digits) {
     return (pairs * (100U << 16U | 1U)) >> 16U;
 }
 constexpr std::size_t MAX_SHORT_DIGITS = 4;
+
+// The digits of 0 to 999, and behind them their number.
+constexpr auto SHORT_NUMBERS = [] {
+    std::array<std::array<char, 4>, 1000> texts{};
+    for (std::size_t value = 0; value < texts.size(); ++value) {
+        char n_digits = 0;
+        for (std::size_t unit = 100; unit != 0; unit /= 10) {
+            if (value < unit && unit != 1) continue;
+            texts[value][static_cast<std::size_t>(n_digits++)] =
+                static_cast<char>('0' + value / unit % 10);
+        }
+        texts[value].back() = n_digits;
+    }
+    return texts;
+}();
+
+// Room that a number takes while it is written: twenty digits, or a sign and fewer.
+constexpr std::size_t NUMBER_ROOM = 20;
+
+// Writes a number to a place of NUMBER_ROOM characters; returns its end.
+template <typename Integer>
+char* write_integer(char* out, Integer number) {
+    using Magnitude = std::conditional_t<(sizeof number > 4), std::uint64_t, std::uint32_t>;
+    auto magnitude = static_cast<Magnitude>(number);
+    if constexpr (std::is_signed_v<Integer>) {
+        if (number < 0) {
+            *out++ = '-';
+            magnitude = 0 - magnitude;
+        }
+    }
+    if (magnitude >= SHORT_NUMBERS.size()) {
+        return std::to_chars(out, out + NUMBER_ROOM, magnitude).ptr;
+    }
+    std::array<char, 4> const& text = SHORT_NUMBERS[magnitude];
+    std::memcpy(out, text.data(), text.size());
+    return out + text.back();
+}
+
+// Numbers of a byte that are looked at together, whether all have one digit.
+constexpr std::size_t DIGITS_AT_A_TIME = 32;
+
+// Writes DIGITS_AT_A_TIME numbers, each after a comma, and returns their end; null,
+// where one has more than one digit. Without branches, so that the compiler makes vector
+// code of it.
+char* write_single_digits(char* out, char const* numbers) {
+    std::array<unsigned char, DIGITS_AT_A_TIME> block;
+    std::memcpy(block.data(), numbers, block.size());
+    unsigned char largest = 0;
+    for (unsigned char const number : block) largest = std::max(largest, number);
+    if (largest >= 10) return nullptr;
+    std::array<std::uint16_t, DIGITS_AT_A_TIME> pairs;
+    for (std::size_t i = 0; i < block.size(); ++i) {
+        pairs[i] = static_cast<std::uint16_t>(',' | ('0' + block[i]) << 8);
+    }
+    std::memcpy(out, pairs.data(), sizeof pairs);
+    return out + sizeof pairs;
+}
 
 // Characters that grow at their end. Unlike those of a string or vector, they are
 // not set to anything before they are written.
@@ -602,14 +658,6 @@ private:
     std::map<char, std::int32_t> const& codes_;
     std::array<std::uint8_t, 256> valid_;
 };
-
-template <typename Integer>
-void append_number(std::string& out, Integer value) {
-    char digits[std::numeric_limits<Integer>::digits10 + 2];
-    auto const [end, error] = std::to_chars(std::begin(digits), std::end(digits), value);
-    out.append(digits, end);
-    static_cast<void>(error);  // the digits of every value fit
-}
 
 // Reads the length of a CIGAR operation as strtol reads a number, then takes
 // its low 32 bits. Without a number the length is 0 and `next` stays; no number
@@ -1193,53 +1241,8 @@ void write_bases(char* letters, BamRecord const& record, std::size_t n_bases) {
     if (n_bases % 2 != 0) letters[n_bases - 1] = BASE_PAIRS[packed[n_bases / 2]][0];
 }
 
-// Writes n qualities as text.
-void write_qualities(char* text, BamRecord const& record, std::size_t n_qualities) {
-    char const* const scores = record.qual.data();
-    for (std::size_t i = 0; i < n_qualities; ++i) {
-        text[i] = static_cast<char>(scores[i] + PHRED_OFFSET);
-    }
-}
-
-// The digits of 0 to 999, and behind them their number.
-constexpr auto SHORT_NUMBERS = [] {
-    std::array<std::array<char, 4>, 1000> texts{};
-    for (std::size_t value = 0; value < texts.size(); ++value) {
-        char n_digits = 0;
-        for (std::size_t unit = 100; unit != 0; unit /= 10) {
-            if (value < unit && unit != 1) continue;
-            texts[value][static_cast<std::size_t>(n_digits++)] =
-                static_cast<char>('0' + value / unit % 10);
-        }
-        texts[value].back() = n_digits;
-    }
-    return texts;
-}();
-
-// Room that a number of 32 bits takes while it is written: a sign and ten digits.
-constexpr std::size_t NUMBER_ROOM = 11;
-
-// Writes a number to a place of NUMBER_ROOM characters; returns its end.
-char* write_number(char* out, std::uint32_t number) {
-    if (number < SHORT_NUMBERS.size()) {
-        std::array<char, 4> const& text = SHORT_NUMBERS[number];
-        std::memcpy(out, text.data(), text.size());
-        return out + text.back();
-    }
-    return std::to_chars(out, out + NUMBER_ROOM, number).ptr;
-}
-
-char* write_number(char* out, std::int32_t number) {
-    auto magnitude = static_cast<std::uint32_t>(number);
-    if (number < 0) {
-        *out++ = '-';
-        magnitude = 0 - magnitude;
-    }
-    return write_number(out, magnitude);
-}
-
 void add_number(CharBuffer& out, std::int32_t number) {
-    out.end_at(write_number(out.room_for(NUMBER_ROOM), number));
+    out.end_at(write_integer(out.room_for(NUMBER_ROOM), number));
 }
 
 // Numbers that are written between two looks at the room left.
@@ -1251,7 +1254,7 @@ void add_cigar(CharBuffer& out, std::uint32_t const* ops, std::size_t n_ops) {
         std::size_t const end = done + std::min(NUMBERS_AT_A_TIME, n_ops - done);
         char* text = out.room_for((end - done) * (NUMBER_ROOM + 1));
         for (; done < end; ++done) {
-            text = write_number(text, ops[done] >> CIGAR_OP_SHIFT);
+            text = write_integer(text, ops[done] >> CIGAR_OP_SHIFT);
             *text++ = cigar_op_letter(ops[done] & CIGAR_OP_MASK);
         }
         out.end_at(text);
@@ -1280,7 +1283,6 @@ std::string float_to_stripped_string(float value) {
 // Adds n elements of an array, each after a comma.
 template <typename Element>
 void add_elements(CharBuffer& out, char const* elements, std::size_t n) {
-    using Number = std::conditional_t<std::is_signed_v<Element>, std::int32_t, std::uint32_t>;
     for (std::size_t done = 0; done < n;) {
         std::size_t const end = done + std::min(NUMBERS_AT_A_TIME, n - done);
         char* text = out.room_for((end - done) * (NUMBER_ROOM + 1));
@@ -1288,32 +1290,23 @@ void add_elements(CharBuffer& out, char const* elements, std::size_t n) {
             Element element;
             std::memcpy(&element, elements + done * sizeof element, sizeof element);
             *text++ = ',';
-            text = write_number(text, Number{element});
+            text = write_integer(text, element);
         }
         out.end_at(text);
     }
 }
 
-// The same for elements of a byte. Many arrays hold little but numbers of one digit;
-// these have no branches, so that the compiler makes vector code of them.
+// The same for elements of a byte. Many arrays hold little but numbers of one digit.
 template <typename Element>
 void add_byte_elements(CharBuffer& out, char const* elements, std::size_t n) {
-    std::array<unsigned char, 32> block;
     std::size_t k = 0;
-    for (; n - k >= block.size(); k += block.size()) {
-        std::memcpy(block.data(), elements + k, block.size());
-        unsigned char largest = 0;
-        for (unsigned char const element : block) largest = std::max(largest, element);
-        if (largest >= 10) {
-            add_elements<Element>(out, elements + k, block.size());
-            continue;
+    for (; n - k >= DIGITS_AT_A_TIME; k += DIGITS_AT_A_TIME) {
+        char* const end = write_single_digits(out.room_for(2 * DIGITS_AT_A_TIME), elements + k);
+        if (end != nullptr) {
+            out.end_at(end);
+        } else {
+            add_elements<Element>(out, elements + k, DIGITS_AT_A_TIME);
         }
-        std::array<std::uint16_t, block.size()> pairs;
-        for (std::size_t i = 0; i < block.size(); ++i) {
-            pairs[i] = static_cast<std::uint16_t>(',' | ('0' + block[i]) << 8);
-        }
-        std::memcpy(out.room_for(sizeof pairs), pairs.data(), sizeof pairs);
-        out.advance(sizeof pairs);
     }
     add_elements<Element>(out, elements + k, n - k);
 }
@@ -1353,10 +1346,8 @@ void add_array_elements(CharBuffer& out, AuxData const& field, AuxNumericalArray
 // unknown. Nothing is added for a value that turns out not to have its type.
 bool add_aux_value(CharBuffer& out, AuxData const& field) {
     auto const add_integer = [&out](auto value) {
-        using Number =
-            std::conditional_t<std::is_signed_v<decltype(value)>, std::int32_t, std::uint32_t>;
         out.add("i:");
-        out.end_at(write_number(out.room_for(NUMBER_ROOM), Number{value}));
+        out.end_at(write_integer(out.room_for(NUMBER_ROOM), value));
     };
     switch (field.type) {
         case 'A': {
@@ -1491,7 +1482,7 @@ bool render_sam_line(BamRecord& record, std::vector<RefSeq> const& references, C
     write_bases(line.room_for(n_bases), record, n_bases);
     line.advance(n_bases);
     add_text(n_bases == 0 ? "*" : "");
-    write_qualities(line.room_for(n_qualities), record, n_qualities);
+    copy_adding(record.qual.data(), n_qualities, PHRED_OFFSET, line.room_for(n_qualities));
     line.advance(n_qualities);
     add_text(n_qualities == 0 ? "*" : "");
     bool is_complete = false;
@@ -1677,7 +1668,7 @@ bool BAMFileHandler::unpack_phred_string(BamRecord const& record, std::string& o
         return true;
     }
     out.resize(n_qualities);
-    write_qualities(out.data(), record, n_qualities);
+    copy_adding(record.qual.data(), n_qualities, PHRED_OFFSET, out.data());
     return true;
 }
 
@@ -3241,68 +3232,6 @@ bool is_one_of_inputs(std::string const& out, Inputs const&... inputs) {
     return ((&out == &inputs) || ...);
 }
 
-// A short text at hand without formatting. Writing it copies all of its room.
-// Aligned, so that indexing a table of them is cheap.
-template <std::size_t N>
-struct alignas(8) ShortText {
-    char text[N];
-    std::uint8_t length;
-
-    constexpr void append(char c) { text[length++] = c; }
-    constexpr void append_comma_and_number(unsigned value) {
-        append(',');
-        if (value >= 100) append(static_cast<char>('0' + value / 100));
-        if (value >= 10) append(static_cast<char>('0' + value / 10 % 10));
-        append(static_cast<char>('0' + value % 10));
-    }
-
-    // Returns the end of the text.
-    char* write(char* out) const {
-        std::memcpy(out, text, N);
-        return out + length;
-    }
-};
-
-// One text for each value of a byte.
-constexpr std::size_t BYTE_TEXT_BYTES = 4;
-constexpr std::size_t MOVE_TEXT_BYTES = 10;
-using ByteTexts = std::array<ShortText<BYTE_TEXT_BYTES>, 256>;
-using MoveTexts = std::array<ShortText<MOVE_TEXT_BYTES>, 256>;
-
-// ",0" to ",255".
-constexpr ByteTexts make_byte_texts() {
-    ByteTexts texts{};
-    for (unsigned value = 0; value < texts.size(); ++value) {
-        texts[value].append_comma_and_number(value);
-    }
-    return texts;
-}
-
-// Entries of a move table as numbers of seven bits: runs of 127, then the rest,
-// which is there even when it is 0.
-constexpr MoveTexts make_move_texts() {
-    constexpr unsigned RUN = 127;
-    MoveTexts texts{};
-    for (unsigned value = 0; value < texts.size(); ++value) {
-        unsigned rest = value;
-        for (; rest >= RUN; rest -= RUN) texts[value].append_comma_and_number(RUN);
-        texts[value].append_comma_and_number(rest);
-    }
-    return texts;
-}
-
-constexpr ByteTexts BYTE_TEXTS = make_byte_texts();
-constexpr MoveTexts MOVE_TEXTS = make_move_texts();
-
-constexpr std::size_t MAX_NUMBER_TEXT_BYTES = 21;  // a comma and 20 digits
-
-// Writes ",n" for a number of any size. Returns the end of the text.
-char* write_comma_and_number(char* out, std::uint64_t number) {
-    if (number < BYTE_TEXTS.size()) return BYTE_TEXTS[number].write(out);
-    *out = ',';
-    return std::to_chars(out + 1, out + MAX_NUMBER_TEXT_BYTES, number).ptr;
-}
-
 // Appends many short texts to a string, gathered into larger pieces.
 class PieceWriter {
 public:
@@ -3348,24 +3277,34 @@ private:
 
 // Copies elements of a view, from the k-th on.
 template <std::size_t N>
-void copy_from(ByteView const& view, std::size_t k, std::array<unsigned char, N>& elements) {
+void copy_from(ByteView const& view, std::size_t k, std::array<char, N>& elements) {
     if (view.stride == 1) {
         std::memcpy(elements.data(), view.data + k, N);
     } else {
-        for (std::size_t i = 0; i < N; ++i) elements[i] = view[k + i];
+        for (std::size_t i = 0; i < N; ++i) elements[i] = static_cast<char>(view[k + i]);
     }
 }
 
-// Writes numbers below 10, each after a comma. Returns their end.
-template <std::size_t N>
-char* write_digits(char* out, std::array<unsigned char, N> const& digits) {
-    std::array<std::uint16_t, N> pairs;
-    std::transform(digits.begin(), digits.end(), pairs.begin(), [](unsigned char digit) {
-        return static_cast<std::uint16_t>(',' | ('0' + digit) << 8);
-    });
-    std::memcpy(out, pairs.data(), sizeof pairs);
-    return out + sizeof pairs;
+// Room for a comma and a number.
+constexpr std::size_t ELEMENT_ROOM = 1 + NUMBER_ROOM;
+
+// Writes ",n"; returns its end.
+template <typename Integer>
+char* write_element(char* out, Integer number) {
+    *out = ',';
+    return write_integer(out + 1, number);
 }
+
+// Writes an entry of a move table as numbers of seven bits, of which it takes three at
+// most: runs of 127, then the rest, which is there even when it is 0.
+char* write_move(char* out, unsigned char move) {
+    constexpr unsigned char RUN = 127;
+    for (; move >= RUN; move = static_cast<unsigned char>(move - RUN)) {
+        out = write_element(out, RUN);
+    }
+    return write_element(out, move);
+}
+constexpr std::size_t MOVE_ROOM = 3 * ELEMENT_ROOM;
 
 // Finds the code of a modification by its name; it may point into the name.
 bool find_mod_code(std::string_view name, std::string_view& code) {
@@ -3610,10 +3549,10 @@ std::string skips_text(std::size_t base, std::vector<Block> const& blocks) {
     std::uint64_t n_bases_done = 0;  // up to and with the last call
     for (Block const& block : blocks) {
         PositionBits const is_base = block.is_base[base];
-        writer.add(BLOCK_BASES * MAX_NUMBER_TEXT_BYTES, [&](char* next) {
+        writer.add(BLOCK_BASES * ELEMENT_ROOM, [&](char* next) {
             for_each_bit(block.is_called[base], [&](std::size_t, PositionBits below) {
                 std::uint64_t const n_before = n_bases + count_bits(is_base & below);
-                next = write_comma_and_number(next, n_before - n_bases_done);
+                next = write_element(next, n_before - n_bases_done);
                 n_bases_done = n_before + 1;
             });
             return next;
@@ -3629,9 +3568,9 @@ void add_probabilities(PieceWriter& writer, std::size_t base, ByteView const& co
                        std::vector<Block> const& blocks) {
     std::size_t begin = 0;
     for (Block const& block : blocks) {
-        writer.add(BLOCK_BASES * BYTE_TEXT_BYTES, [&](char* next) {
+        writer.add(BLOCK_BASES * ELEMENT_ROOM, [&](char* next) {
             for_each_bit(block.is_called[base], [&](std::size_t i, PositionBits) {
-                next = BYTE_TEXTS[column[begin + i]].write(next);
+                next = write_element(next, column[begin + i]);
             });
             return next;
         });
@@ -3679,23 +3618,24 @@ bool BAMFileHandler::generate_move_table_string(std::string& out, ByteView const
     if (moves.size == 0) {
         return fail(error, "Zero length move table provided to generate_move_table_string");
     }
+    char stride_text[NUMBER_ROOM];
     out = "mv:B:c,";
-    append_number(out, int{stride});
+    out.append(stride_text, write_integer(stride_text, stride));
     PieceWriter writer(out);
     std::size_t k = 0;
-    for (std::array<unsigned char, 32> block; moves.size - k >= block.size(); k += block.size()) {
+    for (std::array<char, DIGITS_AT_A_TIME> block; moves.size - k >= block.size();
+         k += block.size()) {
         copy_from(moves, k, block);
-        writer.add(block.size() * MOVE_TEXT_BYTES, [&](char* next) {
+        writer.add(block.size() * MOVE_ROOM, [&](char* next) {
             // Nearly all entries are 0 or 1.
-            if (*std::max_element(block.begin(), block.end()) < 10) {
-                return write_digits(next, block);
-            }
-            for (unsigned char const move : block) next = MOVE_TEXTS[move].write(next);
+            char* const end = write_single_digits(next, block.data());
+            if (end != nullptr) return end;
+            for (char const move : block) next = write_move(next, static_cast<unsigned char>(move));
             return next;
         });
     }
     for (; k < moves.size; ++k) {
-        writer.add(MOVE_TEXT_BYTES, [&](char* next) { return MOVE_TEXTS[moves[k]].write(next); });
+        writer.add(MOVE_ROOM, [&](char* next) { return write_move(next, moves[k]); });
     }
     writer.flush();
     return true;
