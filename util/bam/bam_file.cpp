@@ -2956,33 +2956,45 @@ std::uint64_t coordinate_of(BamRecord const& record) {
            (static_cast<std::uint32_t>(record.pos) ^ SIGN_BIT);
 }
 
-// Moves the record that stands at keys[i].index to place i, for all i.
-void move_into_order(std::vector<BamRecord>& records, std::vector<SortKey>& keys) {
+// Moves the record that stands at sources[i] to place i, for all i. `sources` is narrow
+// where it can be: it is read at random, and each time the next step waits for it.
+template <typename Index>
+void move_into_order(std::vector<BamRecord>& records, std::vector<Index> sources) {
     // Records that are needed soon are asked for: they lie anywhere.
     constexpr int N_AHEAD = 8;
     auto const step_ahead = [&](std::size_t place) {
-        std::size_t const source = keys[place].index;
+        std::size_t const source = sources[place];
         char const* const record = reinterpret_cast<char const*>(&records[source]);
         for (std::size_t i = 0; i < sizeof records[0]; i += 64) __builtin_prefetch(record + i, 1);
         return source;
     };
-    for (std::size_t start = 0; start < keys.size(); ++start) {
-        if (keys[start].index == start) continue;
+    for (std::size_t start = 0; start < sources.size(); ++start) {
+        if (sources[start] == start) continue;
         // Follow the cycle of places from one whose record is set aside.
         BamRecord set_aside = std::move(records[start]);
         std::size_t place = start;
         std::size_t ahead = start;
         for (int i = 0; i < N_AHEAD; ++i) ahead = step_ahead(ahead);
-        while (keys[place].index != start) {
-            std::size_t const source = keys[place].index;
+        while (sources[place] != start) {
+            std::size_t const source = sources[place];
             ahead = step_ahead(ahead);
             records[place] = std::move(records[source]);
-            keys[place].index = place;
+            sources[place] = static_cast<Index>(place);
             place = source;
         }
         records[place] = std::move(set_aside);
-        keys[place].index = place;
+        sources[place] = static_cast<Index>(place);
     }
+}
+
+// The indices of sorted keys, which go.
+template <typename Index>
+std::vector<Index> take_indices(std::vector<SortKey>& keys) {
+    std::vector<Index> indices;
+    indices.reserve(keys.size());
+    for (SortKey const& key : keys) indices.push_back(static_cast<Index>(key.index));
+    std::vector<SortKey>().swap(keys);
+    return indices;
 }
 
 template <typename Number>
@@ -3117,7 +3129,11 @@ bool BAMFileHandler::sort() {
     for (BamRecord const& record : records) keys.push_back({coordinate_of(record), keys.size()});
     if (!std::is_sorted(keys.begin(), keys.end())) {
         std::sort(keys.begin(), keys.end());
-        move_into_order(records, keys);
+        if (keys.size() <= std::numeric_limits<std::uint32_t>::max()) {
+            move_into_order(records, take_indices<std::uint32_t>(keys));
+        } else {
+            move_into_order(records, take_indices<std::uint64_t>(keys));
+        }
     }
     has_sort_order = true;
     sort_order = COORDINATE_ORDER;
