@@ -251,7 +251,7 @@ constexpr std::size_t NUMBER_ROOM = 20;
 template <typename Integer>
 char* write_integer(char* out, Integer number) {
     using Magnitude = std::conditional_t<(sizeof number > 4), std::uint64_t, std::uint32_t>;
-    auto magnitude = static_cast<Magnitude>(number);
+    auto magnitude = static_cast<Magnitude>(+number);
     if constexpr (std::is_signed_v<Integer>) {
         if (number < 0) {
             *out++ = '-';
@@ -1054,7 +1054,7 @@ void put_array_element(BamBuffer& out, char type, std::string_view text) {
 void take_single_digits(char const* text, char* digits) {
 #ifdef TESK_BAM_SSE2
     __m128i const digit_bits = _mm_set1_epi16(0xF);
-    for (unsigned i = 0; i < 2; ++i) {
+    for (std::size_t i = 0; i < 2; ++i) {
         __m128i const first = _mm_and_si128(load_16(text + 32 * i), digit_bits);
         __m128i const second = _mm_and_si128(load_16(text + 32 * i + 16), digit_bits);
         _mm_storeu_si128(reinterpret_cast<__m128i*>(digits + 16 * i),
@@ -3519,7 +3519,7 @@ void mark_contexts(Motifs const& motifs, std::string_view sequence, std::vector<
 
 // A column of the probabilities: that of one channel, by position in the read.
 ByteView column_of(ByteView const& probs, std::size_t column, std::size_t n_channels) {
-    std::size_t const n_rows = probs.size / n_channels;
+    std::size_t const n_rows = n_channels == 0 ? 0 : probs.size / n_channels;
     return {n_rows == 0 ? probs.data : &probs[column], n_rows, probs.stride * n_channels};
 }
 
