@@ -10,20 +10,14 @@
 #include <stdexcept>
 #include <utility>
 
+#include "bench/blocks.h"
+
 namespace tesk::bench {
 
 namespace {
 
 constexpr std::size_t PIECE_BYTES = std::size_t{1} << 20;
-constexpr std::size_t MAX_BLOCK_BYTES = 65536;
-constexpr std::size_t FULL_PAYLOAD_BYTES = 65280;
 
-// A block: gzip's header with one extra field, compressed bytes, checksum, length.
-constexpr char EOF_BLOCK[] =
-    "\x1f\x8b\x08\x04\0\0\0\0\0\xff\x06\0BC\x02\0\x1b\0\x03\0\0\0\0\0\0\0\0";  // and a NUL
-constexpr std::size_t BSIZE_OFFSET = 16;
-constexpr std::size_t HEADER_BYTES = 18;
-constexpr std::size_t FOOTER_BYTES = 8;
 constexpr int RAW_WINDOW_BITS = -15;
 constexpr int MEM_LEVEL = 8;
 
@@ -105,18 +99,6 @@ private:
     std::unique_ptr<char[]> buffer_ = std::make_unique<char[]>(PIECE_BYTES);
     std::size_t size_ = 0;
 };
-
-template <typename T>
-T get(char const* place) {
-    T value;
-    std::memcpy(&value, place, sizeof value);
-    return value;
-}
-
-template <typename T>
-void put(char* place, T value) {
-    std::memcpy(place, &value, sizeof value);
-}
 
 Bytef const* as_bytes(char const* data) { return reinterpret_cast<Bytef const*>(data); }
 Bytef* as_bytes(char* data) { return reinterpret_cast<Bytef*>(data); }

@@ -73,10 +73,7 @@ public:
         BAMFileHandler handler;
         require(handler.read_from_sam_file(sam_), handler);
         n_records_ = static_cast<double>(handler.records.size());
-        n_bytes_ = static_cast<double>(handler.header.size());
-        for (auto const& record : handler.records) {
-            n_bytes_ += static_cast<double>(record.sam_line.size() + 1);
-        }
+        n_bytes_ = static_cast<double>(tesk::bench::sam_bytes(handler));
         bam_ = tesk::bench::make_bam_files(handler, folder);
     }
 

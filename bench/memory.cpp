@@ -44,8 +44,7 @@ public:
         BAMFileHandler handler;
         require(handler.read_from_sam_file(sam_), handler);
         n_records_ = handler.records.size();
-        for (auto const& record : handler.records) n_bytes_ += record.sam_line.size() + 1;
-        n_bytes_ += handler.header.size();
+        n_bytes_ = tesk::bench::sam_bytes(handler);
         bam_ = tesk::bench::make_bam_files(handler, folder);
     }
 

@@ -19,6 +19,13 @@ inline void require(bool done, tesk::util::bam::BAMFileHandler const& handler) {
     if (!done) throw std::runtime_error(handler.error_message);
 }
 
+// Size of the SAM file that a handler holds.
+inline std::size_t sam_bytes(tesk::util::bam::BAMFileHandler const& handler) {
+    std::size_t size = handler.header.size();
+    for (auto const& record : handler.records) size += record.sam_line.size() + 1;
+    return size;
+}
+
 // BAM files to read: as the library writes them, and in full blocks.
 struct BamFiles {
     std::string own;

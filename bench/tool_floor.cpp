@@ -28,18 +28,13 @@
 #include <string>
 #include <string_view>
 
+#include "bench/blocks.h"
+
 namespace {
 
-constexpr std::size_t PAYLOAD_BYTES = 65280;
-constexpr std::size_t MAX_BLOCK_BYTES = 65536;
-constexpr std::size_t OUTPUT_BYTES = std::size_t{1} << 20;
-constexpr char EOF_BLOCK[] =
-    "\x1f\x8b\x08\x04\0\0\0\0\0\xff\x06\0BC\x02\0\x1b\0\x03\0\0\0\0\0\0\0\0";  // and a NUL
+using namespace tesk::bench;
 
-// A block: gzip's header with one extra field, compressed bytes, checksum, length.
-constexpr std::size_t BSIZE_OFFSET = 16;
-constexpr std::size_t HEADER_BYTES = 18;
-constexpr std::size_t FOOTER_BYTES = 8;
+constexpr std::size_t OUTPUT_BYTES = std::size_t{1} << 20;
 
 // A file in memory, all of it.
 class InputFile {
@@ -110,18 +105,6 @@ private:
     std::size_t filled_ = 0;
 };
 
-template <typename T>
-T get(char const* place) {
-    T value;
-    std::memcpy(&value, place, sizeof value);
-    return value;
-}
-
-template <typename T>
-void put(char* place, T value) {
-    std::memcpy(place, &value, sizeof value);
-}
-
 // Tabs and newlines, line by line, as a parser of fields finds them.
 std::uint64_t count_fields(std::string_view text) {
     std::uint64_t n_fields = 0;
@@ -145,7 +128,7 @@ void compress_blocks(std::string_view payload, int level, OutputFile& out) {
         libdeflate_alloc_compressor(level), libdeflate_free_compressor);
     if (!compressor) throw std::runtime_error("LEVEL is 0 to 12");
     while (!payload.empty()) {
-        std::string_view const data = payload.substr(0, PAYLOAD_BYTES);
+        std::string_view const data = payload.substr(0, FULL_PAYLOAD_BYTES);
         char* const block = out.room_for(MAX_BLOCK_BYTES);
         std::size_t const n = libdeflate_deflate_compress(
             compressor.get(), data.data(), data.size(), block + HEADER_BYTES,
@@ -225,7 +208,7 @@ double run(int argc, char** argv) {
         inflate_blocks(file.bytes(), text.bytes(), out);
         return user_seconds() - begin;
     }
-    throw std::runtime_error("see the beginning of bench/floor.cpp for its arguments");
+    throw std::runtime_error("see the beginning of bench/tool_floor.cpp for its arguments");
 }
 
 }  // namespace
