@@ -2156,8 +2156,9 @@ TEST(SamFile, LinesOfAnyLength_Written_StandInTheirOrder) {
     ASSERT_TRUE(handler.add_header_lines(HEADER));
     std::string expected = HEADER;
     for (std::size_t const length :
-         {std::size_t{0}, std::size_t{5}, MIB - 2, MIB - 1, MIB, MIB + 1, std::size_t{7}, 2 * MIB,
-          MIB / 2, MIB / 2 - 1, MIB / 2 - 1, std::size_t{1}, std::size_t{0}}) {
+         {MIB - expected.size() - 1, MIB, MIB - 3, std::size_t{0}, std::size_t{5}, MIB - 2, MIB - 1,
+          MIB, MIB + 1, std::size_t{7}, 2 * MIB, MIB / 2, MIB / 2 - 1, MIB / 2 - 1, std::size_t{1},
+          std::size_t{0}}) {
         char const letter = static_cast<char>('a' + handler.records.size());
         handler.records.emplace_back().sam_line = std::string(length, letter);
         expected += std::string(length, letter) + '\n';

@@ -1715,10 +1715,19 @@ bool BAMFileHandler::write_to_sam_file(std::string const& path) const {
     auto const write = [&out](std::string_view text) {
         out.write(text.data(), static_cast<std::streamsize>(text.size()));
     };
-    write(header);
-    // Deliberate: lines of ordinary length are copied, since the system takes few
-    // large pieces faster than many lines.
+    // Pieces are of one size, which the system takes fastest.
     CharBuffer piece(FILE_PIECE_BYTES);
+    auto const add = [&](std::string_view text) {
+        while (piece.size() + text.size() >= FILE_PIECE_BYTES) {
+            std::size_t const n = FILE_PIECE_BYTES - piece.size();
+            piece.add(text.substr(0, n));
+            text.remove_prefix(n);
+            write(piece.view());
+            piece.clear();
+        }
+        piece.add(text);
+    };
+    add(header);
     // Lines lie anywhere, so they are asked for a while before they are copied.
     constexpr std::size_t N_AHEAD = 8;
     for (std::size_t i = 0; i < records.size(); ++i) {
@@ -1726,17 +1735,8 @@ bool BAMFileHandler::write_to_sam_file(std::string const& path) const {
             char const* const ahead = records[i + N_AHEAD].sam_line.data();
             for (std::size_t k = 0; k < 512; k += 64) __builtin_prefetch(ahead + k);
         }
-        std::string const& line = records[i].sam_line;
-        if (piece.size() + line.size() >= FILE_PIECE_BYTES) {
-            write(piece.view());
-            piece.clear();
-        }
-        if (line.size() < FILE_PIECE_BYTES) {
-            piece.add(line);
-        } else {
-            write(line);
-        }
-        piece.add('\n');
+        add(records[i].sam_line);
+        add("\n");
     }
     write(piece.view());
     out.close();
