@@ -2,7 +2,7 @@
 include(CMakePackageConfigHelpers)
 
 install(TARGETS tesk_bam EXPORT tesk_bam_targets)
-install(FILES util/bam/bam_file.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/util/bam)
+install(FILES util/bam/bam_file.h util/bam/export.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/util/bam)
 install(FILES data_wrappers/vec_view.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/data_wrappers)
 if(TARGET tesk_interop)
     install(TARGETS tesk_interop EXPORT tesk_bam_targets)

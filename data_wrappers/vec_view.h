@@ -14,9 +14,9 @@ namespace tesk::data_wrappers {
 /// through it. An aggregate: `VecView<std::uint8_t>{pointer, size, stride}`.
 template <typename T>
 struct VecView {
-    T const* data;       // first element; not read when size is 0
-    std::size_t size;    // number of elements in the view
-    std::size_t stride;  // step between neighbours, counted in elements
+    T const* data;       ///< first element; not read when size is 0
+    std::size_t size;    ///< number of elements in the view
+    std::size_t stride;  ///< step between neighbours, counted in elements
 
     /// Element k, which lies at `data + k * stride`; k < size, unchecked.
     T const& operator[](std::size_t k) const { return data[k * stride]; }

@@ -242,7 +242,7 @@ struct AlignmentReader::State {
     std::unique_ptr<RecordCodec> codec;
     std::uint64_t number = 0;  // of the line or record that was taken last
     bool over = true;
-    bool failed = false;
+    bool failed = false;  // also during a call, which an exception may end
     std::string error;
 
     std::unique_ptr<Selection> selection;  // null: all records

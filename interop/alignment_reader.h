@@ -26,28 +26,31 @@
 #include "interop/record_batch.h"
 #include "interop/report.h"
 #include "util/bam/bam_file.h"
+#include "util/bam/export.h"
 
 namespace tesk::interop {
 
+/// What a file of alignments consists of: text, or binary records in BGZF blocks.
 enum class Format { SAM, BAM };
 
 /// Part of a reference: 0-based, half-open.
 struct Region {
-    std::int32_t refID = 0;
-    std::int64_t beg = 0;
-    std::int64_t end = 0;
+    std::int32_t refID = 0;  ///< index into the header's references
+    std::int64_t beg = 0;    ///< first base
+    std::int64_t end = 0;    ///< base after the last
 };
 
+/// How a file is read.
 struct ReaderOptions {
-    bool allow_missing_eof = false;  // a BGZF file without its last block: a warning
-    bool keep_lines = false;         // batches carry the SAM lines of SAM input
-    // Leaves out records that are not valid, and goes on behind them; the errors are
-    // in the report. Without it the first one ends the reading, as always does damage
-    // behind which nobody knows where a record begins.
+    bool allow_missing_eof = false;  ///< a BGZF file without its last block: a warning
+    bool keep_lines = false;         ///< batches carry the SAM lines of SAM input
+    /// Leaves out records that are not valid, and goes on behind them; the errors are
+    /// in the report. Without it the first one ends the reading, as always does damage
+    /// behind which nobody knows where a record begins.
     bool keep_going = false;
-    std::size_t batch_records = 65536;               // a batch holds no more,
-    std::size_t batch_bytes = std::size_t{1} << 20;  // and ends with the record that
-                                                     // reaches this size when encoded
+    std::size_t batch_records = 65536;               ///< a batch holds no more,
+    std::size_t batch_bytes = std::size_t{1} << 20;  ///< and ends with the record that
+                                                     ///< reaches this size when encoded
 };
 
 /// Reads one file of alignments, or standard input, batch by batch.
@@ -55,7 +58,8 @@ struct ReaderOptions {
 /// Members that can fail return false, with the reason in `error_message`:
 /// the file's name, the line or record, the column, such as
 /// "reads.sam: line 7, column QUAL: 3 qualities for 4 bases". The reading is over
-/// then, and report() has the message, too. Failures of the input are worded by
+/// then, and report() has the message, too; it is also over after a call that ended by
+/// an exception (std::bad_alloc). Failures of the input are worded by
 /// InputStream, those of records by RecordCodec; of the reader itself are, after the
 /// name:
 ///   ": line 1: neither SAM nor BAM data"
@@ -68,15 +72,18 @@ struct ReaderOptions {
 ///   ": record 7: the file ends inside it"
 ///   ": the block that marks the end of a BGZF file is missing: the file may have been
 ///         cut short"  (one line)
+///   ": an earlier call was not completed"
 /// Lines that have a number are counted over the whole file; records likewise, but
 /// with an index from the first one that is read.
-class AlignmentReader {
+class TESK_BAM_EXPORT AlignmentReader {
 public:
+    /// Makes a reader without a file.
     explicit AlignmentReader(ReaderOptions options = {});
     ~AlignmentReader();
     AlignmentReader(AlignmentReader const&) = delete;
     AlignmentReader& operator=(AlignmentReader const&) = delete;
 
+    /// Why the last call that returned false did so.
     std::string error_message;
 
     /// Opens an input, tells its format by its content, and reads its header.
@@ -85,8 +92,11 @@ public:
 
     /// What messages call the input.
     std::string const& name() const;
+    /// What the input is; known after open().
     Format format() const;
+    /// Its header, repaired; after open().
     Header const& header() const;
+    /// What was repaired and found wrong so far.
     Report const& report() const;
 
     /// Number of bytes read so far, before they were unpacked.

@@ -10,14 +10,16 @@
 #include "interop/header.h"
 #include "interop/record_batch.h"
 #include "util/bam/bam_file.h"
+#include "util/bam/export.h"
 
 namespace tesk::interop {
 
+/// How a file is written.
 struct WriterOptions {
-    Format format = Format::BAM;
-    int level = 6;         // of BAM: 0 (stored) to 12
-    unsigned threads = 1;  // that compress BAM, at least 1; they change no byte
-    bool index = false;    // of BAM: also writes path + ".bai"
+    Format format = Format::BAM;  ///< text or BAM
+    int level = 6;                ///< of BAM: 0 (stored) to 12
+    unsigned threads = 1;         ///< that compress BAM, at least 1; they change no byte
+    bool index = false;           ///< of BAM: also writes path + ".bai"
 };
 
 /// Writes one file of alignments.
@@ -26,7 +28,8 @@ struct WriterOptions {
 /// records must come sorted by coordinate.
 ///
 /// Members that can fail return false, with the reason in `error_message`; the
-/// writing is over then, and all later calls fail, too:
+/// writing is over then, and all later calls fail, too, as they do after a call that
+/// ended by an exception (std::bad_alloc):
 ///   "cannot write to " + path + ": " + reason
 ///   path + ": reference " + name + " has " + length + " bases; a BAI index cannot hold
 ///         positions beyond 536870912"  (one line); from open(), before the file is made
@@ -39,13 +42,15 @@ struct WriterOptions {
 ///         handler's record is not valid or cannot be encoded; counted from 1 over the
 ///         file, and the column may be missing; no record of the handler is written
 ///   "cannot write to " + path + ".bai: not all of it could be written"
-class AlignmentWriter {
+class TESK_BAM_EXPORT AlignmentWriter {
 public:
+    /// Makes a writer without a file.
     explicit AlignmentWriter(WriterOptions options = {});
     ~AlignmentWriter();
     AlignmentWriter(AlignmentWriter const&) = delete;
     AlignmentWriter& operator=(AlignmentWriter const&) = delete;
 
+    /// Why the last call that returned false did so.
     std::string error_message;
 
     /// Creates or replaces a file and writes its header.
@@ -92,7 +97,7 @@ private:
 ///
 /// @param max_end  where the record ends that ends last, 0-based half-open
 /// @param max_name its name
-std::string bai_limit_error(std::string const& path, Header const& header, std::int64_t max_end,
-                            std::string const& max_name);
+TESK_BAM_EXPORT std::string bai_limit_error(std::string const& path, Header const& header,
+                                            std::int64_t max_end, std::string const& max_name);
 
 }  // namespace tesk::interop

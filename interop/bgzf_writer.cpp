@@ -190,7 +190,8 @@ private:
 
     Slot& slot(std::uint64_t number) { return slots_[number % slots_.size()]; }
 
-    // Fewer workers than wanted take longer, but make the same file.
+    // Fewer workers than wanted take longer, but make the same file. Nothing else may
+    // fail once there is one: a thread that nobody joins ends the process.
     void start_workers() {
         SignalsBlocked const blocked;
         try {

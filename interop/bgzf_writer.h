@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "util/bam/export.h"
+
 namespace tesk::interop {
 
 /// Cuts a stream of bytes into BGZF blocks and writes them to a descriptor.
@@ -17,9 +19,11 @@ namespace tesk::interop {
 /// threads.
 ///
 /// Members that can fail return false, with the reason in `error_message`:
-/// "cannot write to " + name + ": " + reason.
-class BgzfWriter {
+/// "cannot write to " + name + ": " + reason. After a call that ended by an exception
+/// (std::bad_alloc) no file is open.
+class TESK_BAM_EXPORT BgzfWriter {
 public:
+    /// Bytes of a full block, before compression.
     static constexpr std::size_t PAYLOAD_BYTES = 65280;
 
     BgzfWriter();
@@ -27,6 +31,7 @@ public:
     BgzfWriter(BgzfWriter const&) = delete;
     BgzfWriter& operator=(BgzfWriter const&) = delete;
 
+    /// Why the last call that returned false did so.
     std::string error_message;
 
     /// @param fd       open for writing; stays open and is the caller's
@@ -35,6 +40,7 @@ public:
     /// @param threads  at least 1; the calling thread is one of them
     bool open(int fd, std::string name, int level, unsigned threads);
 
+    /// Takes a copy of some bytes; blocks are written as they get full.
     bool write(std::string_view bytes);
 
     /// Number of bytes given to write() so far.

@@ -5,14 +5,18 @@
 #include <cstddef>
 #include <string_view>
 
+#include "util/bam/export.h"
+
 namespace tesk::interop {
 
 /// A growing array of bytes.
-class ByteBuffer {
+class TESK_BAM_EXPORT ByteBuffer {
 public:
     ByteBuffer() = default;
     ~ByteBuffer();
+    /// Takes the bytes over; the other buffer is empty then.
     ByteBuffer(ByteBuffer&& other) noexcept;
+    /// The same, in the place of what was there.
     ByteBuffer& operator=(ByteBuffer&& other) noexcept;
     ByteBuffer(ByteBuffer const&) = delete;
     ByteBuffer& operator=(ByteBuffer const&) = delete;

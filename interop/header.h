@@ -11,6 +11,7 @@
 
 #include "interop/report.h"
 #include "util/bam/bam_file.h"
+#include "util/bam/export.h"
 
 namespace tesk::interop {
 
@@ -22,10 +23,12 @@ using RefSeq = util::bam::BAMFileHandler::RefSeq;
 /// too, and gets the same references from it. Lines that need no repair stay byte
 /// for byte; an @HD line that does gets its fields in the order VN, SO or GO, SS,
 /// and where it has a field more than once, the last one holds.
-class Header {
+class TESK_BAM_EXPORT Header {
 public:
     Header() = default;
+    /// Takes over text and references, which stay where they are in memory.
     Header(Header&&) = default;
+    /// The same, in the place of what was there.
     Header& operator=(Header&&) = default;
     Header(Header const&) = delete;
     Header& operator=(Header const&) = delete;

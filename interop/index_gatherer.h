@@ -8,6 +8,7 @@
 #include "interop/bgzf_writer.h"
 #include "interop/record_batch.h"
 #include "util/bam/bam_file.h"
+#include "util/bam/export.h"
 
 namespace tesk::interop {
 
@@ -19,7 +20,7 @@ constexpr std::int64_t BAI_MAX_END = std::int64_t{1} << 29;
 /// While gathering, places are counted in the bytes that go into the file; they
 /// become virtual offsets at the end, when it is known where blocks begin. Chunks
 /// of a bin that follow each other and share a block are one chunk.
-class IndexGatherer {
+class TESK_BAM_EXPORT IndexGatherer {
 public:
     /// @param n_references  of the header
     explicit IndexGatherer(std::int32_t n_references);

@@ -8,14 +8,16 @@
 #include <vector>
 
 #include "util/bam/bam_file.h"
+#include "util/bam/export.h"
 
 namespace tesk::interop {
 
 using ChunkIndex = util::bam::BAMFileHandler::ChunkIndex;
 
 /// A BAI file in memory.
-class IndexReader {
+class TESK_BAM_EXPORT IndexReader {
 public:
+    /// Why the last call that returned false did so.
     std::string error_message;
 
     /// Reads a file and checks its structure; every count is held against the
@@ -41,6 +43,6 @@ private:
 };
 
 /// Sorts chunks and joins those that touch or overlap.
-void merge_chunks(std::vector<ChunkIndex>& chunks);
+TESK_BAM_EXPORT void merge_chunks(std::vector<ChunkIndex>& chunks);
 
 }  // namespace tesk::interop

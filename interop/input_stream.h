@@ -9,6 +9,7 @@
 #include <string>
 
 #include "interop/byte_buffer.h"
+#include "util/bam/export.h"
 
 namespace tesk::interop {
 
@@ -26,15 +27,19 @@ namespace tesk::interop {
 ///   name() + ": the gzip data is damaged: " + reason
 ///   name() + ": damaged BGZF block at byte " + offset in the file + ": " + reason
 /// Nothing is left to be read then.
-class InputStream {
+class TESK_BAM_EXPORT InputStream {
 public:
+    /// How an input is compressed.
     enum class Packing { NONE, GZIP, BGZF };
 
     InputStream();
     ~InputStream();
+    /// Takes the input over.
     InputStream(InputStream&&) noexcept;
+    /// The same, in the place of what was open.
     InputStream& operator=(InputStream&&) noexcept;
 
+    /// Why the last call that returned false did so.
     std::string error_message;
 
     /// Opens an input and looks at its first bytes.
@@ -45,6 +50,7 @@ public:
     /// What messages call it: the path, or "standard input".
     std::string const& name() const;
 
+    /// How it is compressed, as its first bytes tell.
     Packing packing() const;
 
     /// Number of bytes read so far, before they were unpacked.

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "interop/byte_buffer.h"
+#include "util/bam/export.h"
 
 namespace tesk::interop {
 
@@ -16,7 +17,7 @@ namespace tesk::interop {
 /// Members that can fail return false, with the reason in `error_message`:
 /// "cannot write to " + name + ": " + reason. All later calls fail, too.
 /// What is gathered goes with the object: only flush() brings it to the file.
-class OutputStream {
+class TESK_BAM_EXPORT OutputStream {
 public:
     /// So much is gathered: pieces of this size cost few calls and still fit the
     /// caches of most machines.
@@ -26,6 +27,7 @@ public:
     /// @param name  what messages call the file
     OutputStream(int fd, std::string name);
 
+    /// Why the last call that returned false did so.
     std::string error_message;
 
     /// Takes a copy of some bytes, or writes them at once where they are many.
@@ -34,6 +36,7 @@ public:
     /// Makes room for n more bytes and returns where they begin; they count once
     /// take() was told where they end.
     char* room_for(std::size_t n) { return gathered_.room_for(n); }
+    /// Takes the bytes up to `end`, which lies in that room.
     bool take(char const* end);
 
     /// Writes all that is gathered.

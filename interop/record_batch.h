@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "interop/byte_buffer.h"
+#include "util/bam/export.h"
 
 namespace tesk::interop {
 
@@ -26,7 +27,7 @@ constexpr std::int64_t end_on_reference(std::int32_t pos, std::int64_t n_referen
 
 /// A look at one encoded record. Nothing is checked: the bytes come from
 /// RecordCodec.
-class RecordView {
+class TESK_BAM_EXPORT RecordView {
 public:
     /// @param bytes  the record, its block_size field first
     explicit RecordView(char const* bytes) : body_(bytes + BLOCK_SIZE_BYTES) {}
@@ -35,6 +36,7 @@ public:
     /// must not be called.
     static RecordView of_body(char const* body) { return RecordView(body, OfBody()); }
 
+    /// The record, its block_size field first.
     char const* bytes() const { return body_ - BLOCK_SIZE_BYTES; }
     /// Number of bytes, the block_size field included.
     std::size_t size() const {
@@ -43,23 +45,32 @@ public:
         return BLOCK_SIZE_BYTES + block_size;
     }
 
-    std::int32_t refID() const { return get<std::int32_t>(0); }
-    std::int32_t pos() const { return get<std::int32_t>(4); }         // 0-based; -1 for none
-    std::size_t l_read_name() const { return get<std::uint8_t>(8); }  // NUL included
-    std::uint8_t mapq() const { return get<std::uint8_t>(9); }
-    std::uint16_t bin() const { return get<std::uint16_t>(10); }
-    std::uint16_t n_cigar_op() const { return get<std::uint16_t>(12); }
-    std::uint16_t flag() const { return get<std::uint16_t>(14); }
-    std::int32_t l_seq() const { return get<std::int32_t>(16); }
-    std::int32_t next_refID() const { return get<std::int32_t>(20); }
-    std::int32_t next_pos() const { return get<std::int32_t>(24); }
-    std::int32_t tlen() const { return get<std::int32_t>(28); }
+    /// @name Fields, as the format names them
+    /// @{
+    std::int32_t refID() const { return get<std::int32_t>(0); }          ///< -1 for none
+    std::int32_t pos() const { return get<std::int32_t>(4); }            ///< 0-based; -1 for none
+    std::size_t l_read_name() const { return get<std::uint8_t>(8); }     ///< NUL included
+    std::uint8_t mapq() const { return get<std::uint8_t>(9); }           ///< 255 for none
+    std::uint16_t bin() const { return get<std::uint16_t>(10); }         ///< of the index
+    std::uint16_t n_cigar_op() const { return get<std::uint16_t>(12); }  ///< number of operations
+    std::uint16_t flag() const { return get<std::uint16_t>(14); }        ///< bits
+    std::int32_t l_seq() const { return get<std::int32_t>(16); }         ///< number of bases
+    std::int32_t next_refID() const { return get<std::int32_t>(20); }    ///< -1 for none
+    std::int32_t next_pos() const { return get<std::int32_t>(24); }      ///< 0-based; -1 for none
+    std::int32_t tlen() const { return get<std::int32_t>(28); }          ///< in bases, with a sign
+    /// @}
 
+    /// Without its NUL.
     std::string_view read_name() const { return {body_ + FIXED_BYTES, l_read_name() - 1}; }
-    char const* cigar() const { return body_ + FIXED_BYTES + l_read_name(); }  // packed, unaligned
+    /// Packed operations, 4 bytes each, not aligned.
+    char const* cigar() const { return body_ + FIXED_BYTES + l_read_name(); }
+    /// Two bases a byte.
     char const* seq() const { return cigar() + std::size_t{4} * n_cigar_op(); }
+    /// One byte a base, without an offset.
     char const* qual() const { return seq() + (static_cast<std::size_t>(l_seq()) + 1) / 2; }
+    /// Optional fields, up to end().
     char const* aux() const { return qual() + l_seq(); }
+    /// Behind the record.
     char const* end() const { return bytes() + size(); }
 
     /// The base after the last one on the reference, 0-based, as end_on_reference()
@@ -86,11 +97,12 @@ private:
 
 /// Consecutive records of a file.
 struct RecordBatch {
-    ByteBuffer records;         // encoded, back to back, as in a BAM file
-    std::size_t n_records = 0;  // their number
-    ByteBuffer lines;           // their SAM lines, each with '\n', where the input has
-                                // them and they are asked for; else empty
+    ByteBuffer records;         ///< encoded, back to back, as in a BAM file
+    std::size_t n_records = 0;  ///< their number
+    ByteBuffer lines;           ///< their SAM lines, each with '\n', where the input has
+                                ///< them and they are asked for; else empty
 
+    /// Drops all records; keeps the room.
     void clear() {
         records.clear();
         lines.clear();

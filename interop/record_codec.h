@@ -14,17 +14,18 @@
 #include "interop/record_batch.h"
 #include "interop/report.h"
 #include "util/bam/bam_file.h"
+#include "util/bam/export.h"
 
 namespace tesk::interop {
 
 /// Why a record is refused.
 struct Fault {
-    std::string column;  // such as "QUAL", or an optional field's tag; may be empty
-    std::string reason;
+    std::string column;  ///< such as "QUAL", or an optional field's tag; may be empty
+    std::string reason;  ///< such as "3 qualities for 4 bases"
 };
 
 /// Turns SAM lines into BAM records and back.
-class RecordCodec {
+class TESK_BAM_EXPORT RecordCodec {
 public:
     /// Bytes of an encoded record, block_size included, are never more.
     static constexpr std::size_t MAX_RECORD_BYTES = 0x7FFFFFFF;
@@ -66,6 +67,7 @@ public:
     bool hand_over(RecordView record, std::string_view line, util::bam::BAMFileHandler& handler,
                    std::string& error);
 
+    /// Why the last record was refused.
     Fault const& fault() const { return fault_; }
 
 private:

@@ -56,11 +56,12 @@
 #include <boost/any.hpp>
 
 #include "data_wrappers/vec_view.h"
+#include "util/bam/export.h"
 
 namespace tesk::util::bam {
 
 /// A SAM header and the alignment records under it, and their way in and out.
-class BAMFileHandler {
+class TESK_BAM_EXPORT BAMFileHandler {
 public:
     // =======================================================================
     // 1. Alignment store
@@ -68,10 +69,10 @@ public:
 
     /// Value of an optional field of type letter B: an array of numbers.
     struct AuxNumericalArray {
-        char type = '\0';         // element type letter: c, C, s, S, i, I or f
-        std::uint32_t count = 0;  // number of elements
-        std::vector<char> data;   // the elements, little-endian, back to back;
-                                  // c, C: 1 byte each; s, S: 2; i, I, f: 4
+        char type = '\0';         ///< element type letter: c, C, s, S, i, I or f
+        std::uint32_t count = 0;  ///< number of elements
+        std::vector<char> data;   ///< the elements, little-endian, back to back;
+                                  ///< c, C: 1 byte each; s, S: 2; i, I, f: 4
     };
 
     /// One optional field (TAG:TYPE:VALUE) of a record.
@@ -83,68 +84,68 @@ public:
     /// SAM text gives A, i, f, Z, H and B; BAM input gives them all. A value of
     /// another type makes rendering and serialising throw boost::bad_any_cast.
     struct AuxData {
-        std::string tag;   // two characters
-        char type = '\0';  // type letter
-        boost::any value;  // of the type that the letter names
+        std::string tag;   ///< two characters
+        char type = '\0';  ///< type letter
+        boost::any value;  ///< of the type that the letter names
     };
 
     /// One alignment: every field in BAM's packed form, and its SAM line.
     struct BamRecord {
-        std::int32_t refID = 0;            // index into `references`; -1 for none
-        std::int32_t pos = 0;              // leftmost base, 0-based; -1 for SAM POS 0
-        std::string read_name;             // QNAME, without NUL
-        std::uint8_t mapq = 0;             // mapping quality; 255 unavailable
-        std::uint16_t bin = 0;             // reg_to_bin(pos, pos + ref_length)
-        std::uint16_t flag = 0;            // SAM FLAG bits
-        std::int32_t l_seq = 0;            // number of bases; 0 for SEQ "*"
-        std::int32_t next_refID = 0;       // reference of the next segment; -1 for none
-        std::int32_t next_pos = 0;         // its leftmost base, 0-based; -1 for none
-        std::int32_t tlen = 0;             // observed template length, in bases
-        std::vector<std::uint32_t> cigar;  // operations: length << 4 | code, the
-                                           // code an index into "MIDNSHP=X";
-                                           // empty for CIGAR "*"
-        std::uint64_t ref_length = 0;      // reference bases that the CIGAR covers
-                                           // (M, D, N, = and X); 1 for CIGAR "*"
-                                           // in SAM text, 0 in BAM
-        std::vector<std::uint8_t> seq;     // two bases a byte, the first in the high
-                                           // nibble; codes index "=ACMGRSVTWYHKDBN";
-                                           // (l_seq + 1) / 2 bytes
-        std::vector<char> qual;            // Phred scores without the offset 33, l_seq
-                                           // bytes; all 0xFF for QUAL "*"
-        std::vector<AuxData> aux_data;     // optional fields, in record order
-        std::string sam_line;              // the SAM line, without line terminator
+        std::int32_t refID = 0;            ///< index into `references`; -1 for none
+        std::int32_t pos = 0;              ///< leftmost base, 0-based; -1 for SAM POS 0
+        std::string read_name;             ///< QNAME, without NUL
+        std::uint8_t mapq = 0;             ///< mapping quality; 255 unavailable
+        std::uint16_t bin = 0;             ///< reg_to_bin(pos, pos + ref_length)
+        std::uint16_t flag = 0;            ///< SAM FLAG bits
+        std::int32_t l_seq = 0;            ///< number of bases; 0 for SEQ "*"
+        std::int32_t next_refID = 0;       ///< reference of the next segment; -1 for none
+        std::int32_t next_pos = 0;         ///< its leftmost base, 0-based; -1 for none
+        std::int32_t tlen = 0;             ///< observed template length, in bases
+        std::vector<std::uint32_t> cigar;  ///< operations: length << 4 | code, the
+                                           ///< code an index into "MIDNSHP=X";
+                                           ///< empty for CIGAR "*"
+        std::uint64_t ref_length = 0;      ///< reference bases that the CIGAR covers
+                                           ///< (M, D, N, = and X); 1 for CIGAR "*"
+                                           ///< in SAM text, 0 in BAM
+        std::vector<std::uint8_t> seq;     ///< two bases a byte, the first in the high
+                                           ///< nibble; codes index "=ACMGRSVTWYHKDBN";
+                                           ///< (l_seq + 1) / 2 bytes
+        std::vector<char> qual;            ///< Phred scores without the offset 33, l_seq
+                                           ///< bytes; all 0xFF for QUAL "*"
+        std::vector<AuxData> aux_data;     ///< optional fields, in record order
+        std::string sam_line;              ///< the SAM line, without line terminator
     };
 
     /// One reference sequence: an @SQ line, or an entry of a BAM file's list.
     struct RefSeq {
-        std::string name;         // SN
-        std::int32_t length = 0;  // LN, in bases
+        std::string name;         ///< SN
+        std::int32_t length = 0;  ///< LN, in bases
     };
 
     // The state. Callers may read all of it; what may be changed by hand is
     // said beside each member.
 
-    mutable std::string error_message;      // text of the last failure
-    mutable std::string file_name;          // path in use; ends some error texts
-    mutable std::size_t bytes_written = 0;  // compressed bytes written so far to
-                                            // the BAM file being written
-    std::string header;                     // header text as read or added; what SAM
-                                            // output begins with
-    bool has_sort_order = false;            // true while a definite order of the records
-                                            // is on record
-    std::string sort_order;                 // that order as an @HD fragment, such as
-                                            // "\tSO:coordinate"; empty for none
-    std::string header_lines;               // accepted @SQ, @RG, @PG and @CO lines, each
-                                            // with its newline
-    // in @SQ order; a refID indexes it. Append at will; entries of a list longer
-    // than 16 must keep their names while lines are added
+    mutable std::string error_message;      ///< text of the last failure
+    mutable std::string file_name;          ///< path in use; ends some error texts
+    mutable std::size_t bytes_written = 0;  ///< compressed bytes written so far to
+                                            ///< the BAM file being written
+    std::string header;                     ///< header text as read or added; what SAM
+                                            ///< output begins with
+    bool has_sort_order = false;            ///< true while a definite order of the records
+                                            ///< is on record
+    std::string sort_order;                 ///< that order as an @HD fragment, such as
+                                            ///< "\tSO:coordinate"; empty for none
+    std::string header_lines;               ///< accepted @SQ, @RG, @PG and @CO lines, each
+                                            ///< with its newline
+    /// in @SQ order; a refID indexes it. Append at will; entries of a list longer
+    /// than 16 must keep their names while lines are added
     std::vector<RefSeq> references;
-    std::vector<BamRecord> records;               // in insertion order until sorted
-    std::map<char, std::int32_t> cigar_op_codes;  // CIGAR letter -> BAM code; -1
-                                                  // for every other char
-    std::map<char, std::int32_t> seq_codes;       // base letter -> 4-bit code, U as T;
-                                                  // -1 for every other char, lower
-                                                  // case included
+    std::vector<BamRecord> records;               ///< in insertion order until sorted
+    std::map<char, std::int32_t> cigar_op_codes;  ///< CIGAR letter -> BAM code; -1
+                                                  ///< for every other char
+    std::map<char, std::int32_t> seq_codes;       ///< base letter -> 4-bit code, U as T;
+                                                  ///< -1 for every other char, lower
+                                                  ///< case included
 
     /// An empty handler: no header, no references, no records.
     BAMFileHandler();
@@ -230,7 +231,7 @@ public:
     /// 0xFFFFFFFF. Lengths are read as by strtol and taken as 32 bits. More
     /// than 65,535 operations do not fit a BAM record: they go into a CG field
     /// (an I array) appended to `record.aux_data`, and `cigar` becomes the
-    /// placeholder <seq_len>S<ref_len>N.
+    /// placeholder `<seq_len>S<ref_len>N`.
     ///
     /// On false, `error_message` is "Invalid cigar op detected: '" + letter +
     /// "'": `cigar_op_codes` was given a code of 9 or more for the letter.
@@ -375,9 +376,9 @@ public:
     /// that does not fit throws std::runtime_error and moves nothing.
     /// Values are moved in the machine's (little-endian) order.
     struct BamBuffer {
-        char* data;           // start of the bytes
-        std::size_t size;     // their number
-        std::size_t pos = 0;  // offset of the next byte to read or write
+        char* data;           ///< start of the bytes
+        std::size_t size;     ///< their number
+        std::size_t pos = 0;  ///< offset of the next byte to read or write
 
         /// Steps over the next n bytes and returns where they begin.
         /// @throws std::runtime_error
@@ -573,33 +574,33 @@ public:
     /// One stretch of a BAM file. Virtual offsets: (offset of a BGZF block in
     /// the file << 16) | offset in that block's uncompressed data.
     struct ChunkIndex {
-        std::uint64_t chunk_beg = 0;  // virtual offset of its first record
-        std::uint64_t chunk_end = 0;  // virtual offset after its last record
+        std::uint64_t chunk_beg = 0;  ///< virtual offset of its first record
+        std::uint64_t chunk_end = 0;  ///< virtual offset after its last record
     };
 
     /// The chunks of one bin, in the order in which they were written.
     struct BinIndex {
-        std::vector<ChunkIndex> chunks;
+        std::vector<ChunkIndex> chunks;  ///< in file order
     };
 
     /// The index of one reference sequence.
     struct ReferenceIndex {
-        std::uint64_t n_mapped = 0;    // placed records without flag bit 4
-        std::uint64_t n_unmapped = 0;  // placed records with it
-        // virtual offset of the first chunk; all ones: none yet
+        std::uint64_t n_mapped = 0;    ///< placed records without flag bit 4
+        std::uint64_t n_unmapped = 0;  ///< placed records with it
+        /// virtual offset of the first chunk; all ones: none yet
         std::uint64_t ref_beg = std::numeric_limits<std::uint64_t>::max();
-        std::uint64_t ref_end = 0;               // largest virtual offset of a chunk's end
-        std::map<std::uint32_t, BinIndex> bins;  // by bin number; none is empty
-        std::vector<std::uint64_t> ioffsets;     // linear index: virtual offset
-                                                 // for each window of 16,384 bases
-        std::int32_t n_intv = 0;                 // how many of them the file holds
+        std::uint64_t ref_end = 0;               ///< largest virtual offset of a chunk's end
+        std::map<std::uint32_t, BinIndex> bins;  ///< by bin number; none is empty
+        std::vector<std::uint64_t> ioffsets;     ///< linear index: virtual offset
+                                                 ///< for each window of 16,384 bases
+        std::int32_t n_intv = 0;                 ///< how many of them the file holds
     };
 
     /// The index of a whole BAM file.
     struct FileIndex {
-        std::int32_t n_ref = 0;                              // number of reference sequences
-        std::map<std::int32_t, ReferenceIndex> ref_indices;  // by refID
-        std::uint64_t n_no_coor = 0;                         // number of records with refID -1
+        std::int32_t n_ref = 0;                              ///< number of reference sequences
+        std::map<std::int32_t, ReferenceIndex> ref_indices;  ///< by refID
+        std::uint64_t n_no_coor = 0;                         ///< number of records with refID -1
     };
 
     /// Sorts `records` by refID, those without one last, then by pos, and sets
@@ -780,7 +781,7 @@ private:
 /// Text form: a field for each of A, C, G and T, joined by ':'. A field is "_"
 /// for no context, else the motif with an X in the place of the base:
 /// "_:XG:_:_" is C where G follows.
-class BaseModContext {
+class TESK_BAM_EXPORT BaseModContext {
 public:
     /// No base has a context.
     BaseModContext();
