@@ -203,6 +203,8 @@ bool Selection::is_before(RecordView record) const {
 struct AlignmentReader::State {
     explicit State(ReaderOptions given) : options(given) {}
 
+    template <typename Call>
+    bool complete(Call const& call);
     bool fail(std::string message);
     bool fail_at(std::string const& place, std::string const& reason);
     Step fault(std::string const& reason);
@@ -257,6 +259,18 @@ struct AlignmentReader::State {
 };
 
 // --- Errors --------------------------------------------------------------------
+
+// Makes a call, unless one before it has failed. Returns what it returns.
+template <typename Call>
+bool AlignmentReader::State::complete(Call const& call) {
+    if (failed) {
+        bool const says_why = !error.empty();
+        return !says_why && fail(bytes.stream.name() + ": an earlier call was not completed");
+    }
+    failed = true;
+    failed = !call();
+    return !failed;
+}
 
 bool AlignmentReader::State::fail(std::string message) {
     error = std::move(message);
@@ -404,7 +418,6 @@ bool AlignmentReader::State::read_reference(std::size_t n, std::vector<RefSeq>& 
 // --- Regions -------------------------------------------------------------------
 
 bool AlignmentReader::State::select(std::vector<Region> const& regions, IndexReader const* index) {
-    if (failed) return false;
     selection = std::make_unique<Selection>(regions);
     if (index == nullptr) return true;
     std::string const& name = bytes.stream.name();
@@ -463,7 +476,6 @@ bool AlignmentReader::State::is_full(RecordBatch const& records) const {
 
 bool AlignmentReader::State::fill(RecordBatch& records, bool with_lines) {
     records.clear();
-    if (failed) return false;
     while (!over && !is_full(records)) {
         Step const step =
             format == Format::SAM ? add_line(records, with_lines) : add_record(records);
@@ -587,8 +599,6 @@ bool AlignmentReader::State::prepare(util::bam::BAMFileHandler& handler) {
 
 // Those before a fault are handed over, too.
 bool AlignmentReader::State::fill(util::bam::BAMFileHandler& handler) {
-    handler.records.clear();
-    if (failed) return false;
     if (codec && !prepare(handler)) return false;
     bool const filled = fill(batch, true);
     return hand_over(handler) && filled;
@@ -626,8 +636,9 @@ AlignmentReader::AlignmentReader(ReaderOptions options)
 AlignmentReader::~AlignmentReader() = default;
 
 bool AlignmentReader::open(std::string const& path) {
+    state_->failed = true;  // what was open is so no longer
     state_ = std::make_unique<State>(state_->options);
-    if (state_->open(path)) return true;
+    if (state_->complete([&] { return state_->open(path); })) return true;
     error_message = state_->error;
     return false;
 }
@@ -639,19 +650,22 @@ Report const& AlignmentReader::report() const { return state_->report; }
 std::uint64_t AlignmentReader::bytes_read() const { return state_->bytes.stream.bytes_read(); }
 
 bool AlignmentReader::select(std::vector<Region> const& regions, IndexReader const* index) {
-    if (state_->select(regions, index)) return true;
+    if (state_->complete([&] { return state_->select(regions, index); })) return true;
     error_message = state_->error;
     return false;
 }
 
 bool AlignmentReader::read_batch(RecordBatch& batch) {
-    if (state_->fill(batch, state_->options.keep_lines)) return true;
+    batch.clear();
+    bool const with_lines = state_->options.keep_lines;
+    if (state_->complete([&] { return state_->fill(batch, with_lines); })) return true;
     error_message = state_->error;
     return false;
 }
 
 bool AlignmentReader::read_batch(util::bam::BAMFileHandler& handler) {
-    if (state_->fill(handler)) return true;
+    handler.records.clear();
+    if (state_->complete([&] { return state_->fill(handler); })) return true;
     error_message = state_->error;
     return false;
 }

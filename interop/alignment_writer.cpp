@@ -180,7 +180,8 @@ struct AlignmentWriter::State {
     Header const& header;
     Report report;  // of the codec; nobody asks for it
     RecordCodec codec;
-    std::string error;  // once there is one, all is over
+    std::string error;         // once there is one, all is over
+    bool is_under_way = true;  // a call; still so after one that ended by an exception
     Descriptor file;
     BgzfWriter bgzf;                   // of BAM
     std::optional<OutputStream> text;  // of SAM
@@ -324,13 +325,22 @@ AlignmentWriter::AlignmentWriter(WriterOptions options) : options_(options) {}
 AlignmentWriter::~AlignmentWriter() = default;
 
 bool AlignmentWriter::finish_call(bool done) {
+    state_->is_under_way = false;
     if (!done) error_message = state_->error;
     return done;
 }
 
-bool AlignmentWriter::is_ready() {
-    if (!state_) error_message = "cannot write: no file is open";
-    return state_ && finish_call(state_->error.empty());
+bool AlignmentWriter::begin_call() {
+    if (!state_) {
+        error_message = "cannot write: no file is open";
+        return false;
+    }
+    if (state_->is_under_way) {
+        state_->fail(cannot_write(state_->path, "an earlier call was not completed"));
+    }
+    if (!finish_call(state_->error.empty())) return false;
+    state_->is_under_way = true;
+    return true;
 }
 
 bool AlignmentWriter::open(std::string const& path, Header const& header,
@@ -352,7 +362,7 @@ bool AlignmentWriter::open(int fd, std::string const& path, Header const& header
 }
 
 bool AlignmentWriter::write(RecordBatch const& batch) {
-    if (!is_ready()) return false;
+    if (!begin_call()) return false;
     bool done = true;
     if (state_->is_bam()) {
         done = state_->write_batch(batch.records.view());
@@ -367,7 +377,7 @@ bool AlignmentWriter::write(RecordBatch const& batch) {
 }
 
 bool AlignmentWriter::write(RecordView record) {
-    if (!is_ready()) return false;
+    if (!begin_call()) return false;
     bool const done = state_->is_bam() ? state_->write_batch({record.bytes(), record.size()})
                                        : state_->write_line(record);
     if (done) ++state_->n_records;
@@ -375,7 +385,7 @@ bool AlignmentWriter::write(RecordView record) {
 }
 
 bool AlignmentWriter::write(BAMFileHandler const& handler) {
-    if (!is_ready()) return false;
+    if (!begin_call()) return false;
     bool done = true;
     if (state_->is_bam()) {
         ByteBuffer bytes;
@@ -390,7 +400,7 @@ bool AlignmentWriter::write(BAMFileHandler const& handler) {
 }
 
 bool AlignmentWriter::close() {
-    if (!is_ready()) return false;
+    if (!begin_call()) return false;
     bool const done = finish_call(state_->close());
     state_.reset();
     return done;

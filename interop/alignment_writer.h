@@ -84,7 +84,7 @@ private:
     struct State;
 
     // Whether a file is open that nothing has gone wrong with.
-    bool is_ready();
+    bool begin_call();
     // Takes over the state's error message. Returns `done`.
     bool finish_call(bool done);
 

@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <condition_variable>
 #include <cstring>
+#include <exception>
 #include <mutex>
 #include <new>
-#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -193,12 +193,13 @@ private:
     // Fewer workers than wanted take longer, but make the same file. Nothing else may
     // fail once there is one: a thread that nobody joins ends the process.
     void start_workers() {
+        workers_.reserve(deflaters_.size());
         SignalsBlocked const blocked;
         try {
             for (Deflater const& deflater : deflaters_) {
                 workers_.emplace_back([this, &deflater] { work(deflater); });
             }
-        } catch (std::system_error const&) {
+        } catch (std::exception const&) {  // no thread or no memory
             return;
         }
     }
@@ -341,9 +342,11 @@ bool BgzfWriter::write(std::string_view bytes) {
         error_message = "cannot write: no file is open";
         return false;
     }
-    if (state_->out.error_message.empty() && state_->write(bytes)) return true;
-    error_message = state_->out.error_message;
-    return false;
+    state_->closed = true;  // for good, where memory runs out
+    bool const done = state_->out.error_message.empty() && state_->write(bytes);
+    state_->closed = false;
+    if (!done) error_message = state_->out.error_message;
+    return done;
 }
 
 std::uint64_t BgzfWriter::tell() const { return state_ ? state_->n_bytes : 0; }

@@ -21,12 +21,11 @@ public:
     ByteBuffer(ByteBuffer const&) = delete;
     ByteBuffer& operator=(ByteBuffer const&) = delete;
 
-    char* data() { return data_; }
-    char const* data() const { return data_; }
-    std::size_t size() const { return size_; }
-    std::size_t capacity() const { return capacity_; }
-    bool empty() const { return size_ == 0; }
-    std::string_view view() const { return {data_, size_}; }
+    char* data() { return data_; }              ///< its first byte; null before there was any
+    char const* data() const { return data_; }  ///< the same, to read
+    std::size_t size() const { return size_; }  ///< number of bytes
+    bool empty() const { return size_ == 0; }   ///< whether there are none
+    std::string_view view() const { return {data_, size_}; }  ///< all bytes
 
     /// Makes room for n more bytes and returns where they begin: the end of what
     /// is there. They count only once they are taken by set_end(). Pointers into

@@ -436,6 +436,7 @@ struct CoordinateSorter::State {
         : options(std::move(sorter_options)), file(std::make_unique<TempFile>(options.folder)) {}
 
     bool add(RecordView record);
+    bool drain(std::function<bool(RecordView)> const& take);
     void note_end(RecordView record);
     bool spill();
     bool spill_alone(RecordView record);
@@ -453,6 +454,7 @@ struct CoordinateSorter::State {
     std::int64_t max_end = 0;
     std::string max_end_name;
     std::string error_message;  // empty where `file` has it
+    bool is_over = false;       // a call has failed, or is under way
 };
 
 bool CoordinateSorter::State::add(RecordView record) {
@@ -558,6 +560,15 @@ bool CoordinateSorter::State::merge_groups(std::size_t memory_bytes) {
     return true;
 }
 
+bool CoordinateSorter::State::drain(std::function<bool(RecordView)> const& take) {
+    if (runs.empty()) {
+        arena.sort();
+        return arena.visit(take);
+    }
+    if (!arena.empty() && !spill()) return false;
+    return merge_to_one_group() && merge(*file, runs.begin(), runs.end(), arena, take);
+}
+
 CoordinateSorter::CoordinateSorter(SorterOptions options)
     : state_(std::make_unique<State>(std::move(options))) {}
 CoordinateSorter::~CoordinateSorter() = default;
@@ -573,22 +584,29 @@ bool CoordinateSorter::fail() {
     return false;
 }
 
+// Makes a call of the state, unless one before it has failed, be it by an exception.
+bool CoordinateSorter::complete(std::function<bool(State&)> const& call) {
+    if (!state_->is_over) {
+        state_->is_over = true;
+        state_->is_over = !call(*state_);
+        return !state_->is_over || fail();
+    }
+    fail();
+    if (error_message.empty()) error_message = "an earlier call was not completed";
+    return false;
+}
+
 bool CoordinateSorter::add(RecordBatch const& batch) {
-    bool is_added = true;
-    for_each_record(batch.records.view(),
-                    [&](RecordView record) { is_added = is_added && state_->add(record); });
-    return is_added || fail();
+    return complete([&](State& state) {
+        bool is_added = true;
+        for_each_record(batch.records.view(),
+                        [&](RecordView record) { is_added = is_added && state.add(record); });
+        return is_added;
+    });
 }
 
 bool CoordinateSorter::drain(std::function<bool(RecordView)> const& take) {
-    State& state = *state_;
-    if (state.runs.empty()) {
-        state.arena.sort();
-        return state.arena.visit(take) || fail();
-    }
-    if (!state.arena.empty() && !state.spill()) return fail();
-    if (!state.merge_to_one_group()) return fail();
-    return merge(*state.file, state.runs.begin(), state.runs.end(), state.arena, take) || fail();
+    return complete([&](State& state) { return state.drain(take); });
 }
 
 }  // namespace tesk::interop

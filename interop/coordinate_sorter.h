@@ -70,6 +70,7 @@ public:
 private:
     struct State;
     bool fail();
+    bool complete(std::function<bool(State&)> const& call);
 
     std::unique_ptr<State> state_;
 };

@@ -261,6 +261,7 @@ bool InputStream::State::read_plain(ByteBuffer& out) {
 // Data may consist of several members, one after another; nothing else may follow
 // them.
 bool InputStream::State::read_gzip(ByteBuffer& out) {
+    if (!inflater && !start_unpacking()) return false;
     for (;;) {
         if (!want(1)) return false;
         if (available() == 0) {
@@ -277,6 +278,8 @@ bool InputStream::State::read_gzip(ByteBuffer& out) {
         if (code == Z_STREAM_END) {
             inside_member = false;
             inflateReset(&stream);
+        } else if (code == Z_MEM_ERROR) {
+            return fail(name + ": gzip data cannot be unpacked: not enough memory");
         } else if (code != Z_OK && code != Z_BUF_ERROR) {
             char const* const fault = stream.msg == nullptr ? zError(code) : stream.msg;
             return fail(name + ": the gzip data is damaged: " + fault);
@@ -338,6 +341,7 @@ bool InputStream::State::unpack_block(BlockHead const& head, ByteBuffer& out) {
 }
 
 bool InputStream::State::read_bgzf(ByteBuffer& out) {
+    if (!decompressor && !start_unpacking()) return false;
     for (;;) {
         if (!want(1)) return false;
         if (available() == 0) return true;
@@ -380,10 +384,11 @@ InputStream::InputStream(InputStream&&) noexcept = default;
 InputStream& InputStream::operator=(InputStream&&) noexcept = default;
 
 bool InputStream::open(std::string const& path) {
-    state_ = std::make_unique<State>();
-    if (state_->open(path)) return true;
-    error_message = state_->error;
-    return false;
+    auto opened = std::make_unique<State>();
+    bool const done = opened->open(path);
+    state_ = std::move(opened);
+    if (!done) error_message = state_->error;
+    return done;
 }
 
 std::string const& InputStream::name() const { return state_->name; }

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <exception>
 #include <limits>
+#include <new>
 #include <optional>
 #include <utility>
 
@@ -1469,6 +1470,8 @@ bool RecordCodec::hand_over(RecordView record, std::string_view line, BAMFileHan
             error = handler.error_message;
             return false;
         }
+    } catch (std::bad_alloc const&) {
+        throw;
     } catch (std::exception const& e) {
         error = e.what();
         return false;

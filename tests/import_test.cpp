@@ -1044,11 +1044,13 @@ TEST(Import, Signal_AtRandomMoments_OldFileOrNewFileAndNothingElse) {
         std::string const whole = read_file(out);
         int n_ended_early = 0;
         interrupt_at_random(
-            {"import", in, out}, N_RUNS, {SIGINT, SIGTERM}, [&] { write_file(out, "old file"); },
+            {"import", in, out}, N_RUNS, {SIGINT, SIGTERM, SIGKILL},
+            [&] { write_file(out, "old file"); },
             [&](int status, int signal_number) {
                 std::string const bytes = read_file(out);
                 bool const old_file = bytes == "old file";
                 EXPECT_TRUE(bytes == whole || (old_file && status == -signal_number));
+                if (signal_number == SIGKILL) remove_temporaries(dir.path());
                 EXPECT_EQ(names_in(dir.path()), (Names{"in.fastq.gz", name}));
                 if (old_file) ++n_ended_early;
             });

@@ -176,6 +176,37 @@ TEST(InputStream, Blocks_ReadOneByOne_TellTheirOffsets) {
     }
 }
 
+TEST(InputStream, Move_StreamReadInPart_GoesOnReading) {
+    std::string const text = random_text(300);
+    TempDir const dir;
+    InputStream first;
+    ByteBuffer buffer;
+    ASSERT_TRUE(first.open(dir.write("in", bgzf_blocks(text, 100))));
+    ASSERT_TRUE(first.read(buffer));
+    InputStream second = std::move(first);
+    ASSERT_TRUE(second.read(buffer));
+    InputStream third;
+    third = std::move(second);
+    ASSERT_TRUE(third.read(buffer));
+    EXPECT_EQ(buffer.view(), text);
+    EXPECT_EQ(third.name(), dir.file("in"));
+}
+
+TEST(ByteBuffer, Move_Bytes_GoAndNoneAreLeftBehind) {
+    ByteBuffer first;
+    first.append("first");
+    char const* const place = first.data();
+    ByteBuffer second = std::move(first);
+    EXPECT_EQ(second.view(), "first");
+    EXPECT_EQ(second.data(), place);
+    EXPECT_TRUE(first.empty());  // and can be used again
+    first.append("again");
+    EXPECT_EQ(first.view(), "again");
+    EXPECT_EQ(second.view(), "first");
+    second = std::move(first);
+    EXPECT_EQ(second.view(), "again");
+}
+
 TEST(InputStream, OtherSubfields_AroundTheBlockSize_ArePassedOver) {
     std::string const other = std::string("XY\x03\0abc", 7);
     std::string const empty = std::string("ZZ\0\0", 4);

@@ -512,6 +512,31 @@ TEST(AlignmentReader, DamageBehindWhichNothingIsKnown_EndsTheReadingAlways) {
     EXPECT_EQ(hex_text(least.records), hex_text(record));
 }
 
+TEST(AlignmentReader, PackedText_DamagedInAnyBlock_IsReadUpToThere) {
+    TempDir const dir;
+    std::string const text = sam_text();
+    std::string const file = bgzf(text, 50);
+    std::vector<BgzfBlock> const blocks = parse_bgzf(file);
+    std::size_t const n_header = std::string_view(HEADER).size();
+    std::size_t n_before = 0;  // bytes of text
+    for (BgzfBlock const& block : blocks) {
+        SCOPED_TRACE(block.offset);
+        std::size_t const checksum = block.offset + block.size - 8;
+        Result const result = read_bytes(dir, with_byte(file, checksum, file[checksum] ^ 1));
+        expect_error(result, dir.file("in") + ": damaged BGZF block at byte " +
+                                 std::to_string(block.offset) + ": its checksum does not match");
+        std::vector<std::string> whole;  // lines before the damage
+        std::size_t end = n_header;
+        for (std::string const& line : LINES) {
+            end += line.size() + 1;
+            if (end <= n_before) whole.push_back(line);
+        }
+        EXPECT_EQ(hex_text(result.records), hex_text(encoded(whole)));
+        n_before += block.payload.size();
+    }
+    EXPECT_EQ(n_before, text.size());
+}
+
 TEST(AlignmentReader, CountsInABamHeader_AreHeldAgainstTheFile) {
     TempDir const dir;
     std::string const magic("BAM\x01", 4);
@@ -1136,6 +1161,63 @@ TEST(AlignmentReader, Select_IndexThatDoesNotFit_IsError) {
     ASSERT_TRUE(beyond.open(dir.write("beyond.bai", bai_file(sections))));
     EXPECT_EQ(selected(bam, all, &beyond),
               bam + ": the index names a place that the file does not have");
+}
+
+struct ChunkFileCase {
+    char const* label;
+    std::string bytes;
+    bool allow_missing_eof;
+    std::size_t n_records;
+    std::string error;  // behind the file's name
+    std::uint64_t n_warnings;
+};
+
+// A chunk that ends where the last block begins, which some index writers prefer to the
+// end of the block before. Each record has a block of its own.
+TEST(AlignmentReader, Select_ChunkAtTheEndOfTheFile_IsReadAndTheEndChecked) {
+    TempDir const dir;
+    SortedSample const sample = [] {
+        SortedSample made;
+        made.records = {{0, 100, 104, "m\t0\ta\t101\t9\t4M\t*\t0\t0\tACGT\tIIII"},
+                        {0, 200, 204, "n\t0\ta\t201\t9\t4M\t*\t0\t0\tACGT\tIIII"}};
+        return made;
+    }();
+    auto const references = references_of(sample.header);
+    std::string blocks = bgzf_block(encode_bam_header(sample.header, references));
+    std::uint64_t const first = blocks.size();
+    blocks += bgzf_block(encode_bam_record(sample.records[0].line, references));
+    std::uint64_t const second = blocks.size();
+    blocks += bgzf_block(encode_bam_record(sample.records[1].line, references));
+    std::uint64_t const end = blocks.size();
+    std::vector<BaiSection> sections(3);
+    sections[0].add(4681, 100, 204, {first << 16, end << 16});
+    IndexReader index;
+    ASSERT_TRUE(index.open(dir.write("in.bai", bai_file(sections)))) << index.error_message;
+
+    std::string const whole = blocks + bgzf_eof_block();
+    std::string const damage =
+        ": damaged BGZF block at byte " + std::to_string(second) + ": its checksum does not match";
+    ChunkFileCase const cases[] = {
+        {"whole", whole, false, 2, "", 0},
+        {"without its last block", blocks, false, 2, NO_EOF_BLOCK, 0},
+        {"without its last block, allowed", blocks, true, 2, "", 1},
+        {"damaged in the second record", with_byte(whole, end - 8, whole[end - 8] ^ 1), false, 1,
+         damage, 0},
+    };
+    for (ChunkFileCase const& c : cases) {
+        SCOPED_TRACE(c.label);
+        std::string const path = dir.write("in.bam", c.bytes);
+        ReaderOptions options;
+        options.allow_missing_eof = c.allow_missing_eof;
+        AlignmentReader reader(options);
+        ASSERT_TRUE(reader.open(path)) << reader.error_message;
+        ASSERT_TRUE(reader.select({{0, 0, 1000}}, &index)) << reader.error_message;
+        Result result;
+        read_batches(reader, result);
+        EXPECT_EQ(result.error, c.error.empty() ? "" : path + c.error);
+        EXPECT_EQ(result.n_records, c.n_records);
+        EXPECT_EQ(reader.report().of(Warning::MISSING_EOF_BLOCK).count, c.n_warnings);
+    }
 }
 
 TEST(AlignmentReader, Select_PipedFileWithIndex_IsError) {

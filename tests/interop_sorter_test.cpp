@@ -561,6 +561,21 @@ TEST(CoordinateSorter, Spill_DiskFull_Fails) {
                                         ": No space left on device");
 }
 
+// Even where there is room again: a record is lost.
+TEST(CoordinateSorter, Drain_AfterAFailure_FailsToo) {
+    TempDir const folder;
+    SystemScope scope;
+    scope.system.write_error = ENOSPC;
+    CoordinateSorter sorter(options_of(PAGE_BYTES, folder.path()));
+    EXPECT_FALSE(add_all(sorter, random_records(100, 10)));
+    scope.system.write_error = 0;
+    std::string const message = sorter.error_message;
+    std::string bytes;
+    EXPECT_FALSE(drain_to(sorter, bytes));
+    EXPECT_EQ(sorter.error_message, message);
+    EXPECT_EQ(bytes, "");
+}
+
 TEST(CoordinateSorter, Drain_DiskFull_Fails) {
     // In the first of several passes.
     TempDir const folder;

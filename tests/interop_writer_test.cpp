@@ -3,7 +3,6 @@
 #include "interop/alignment_writer.h"
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -24,7 +23,9 @@
 #include "interop/bgzf_writer.h"
 #include "interop/output_stream.h"
 #include "tests/support/bam_encoder.h"
+#include "tests/support/open_file.h"
 #include "tests/support/process.h"
+#include "tests/support/process_limits.h"
 #include "tests/support/record_text.h"
 #include "tests/support/temp_file.h"
 
@@ -91,20 +92,6 @@ std::string mixed_bytes(std::size_t n) {
     return bytes + compressible_bytes(n - bytes.size());
 }
 
-// A file open for writing, closed with its owner.
-class OpenFile {
-public:
-    explicit OpenFile(std::string const& path)
-        : fd_(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644)) {}
-    ~OpenFile() { ::close(fd_); }
-    OpenFile(OpenFile const&) = delete;
-    OpenFile& operator=(OpenFile const&) = delete;
-    int fd() const { return fd_; }
-
-private:
-    int fd_;
-};
-
 bool write_in_pieces(BgzfWriter& writer, std::string_view bytes, std::size_t piece) {
     for (std::size_t at = 0; at < bytes.size(); at += piece) {
         if (!writer.write(bytes.substr(at, piece))) return false;
@@ -130,26 +117,6 @@ std::vector<std::size_t> payload_sizes(std::string_view file) {
     for (BgzfBlock const& block : parse_bgzf(file)) sizes.push_back(block.payload.size());
     return sizes;
 }
-
-// Files cannot grow beyond a size while this lives, and no signal says so.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t n) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
-        getrlimit(RLIMIT_FSIZE, &before_);
-        rlimit const limit{n, before_.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FileSizeLimit() {
-        setrlimit(RLIMIT_FSIZE, &before_);
-        std::signal(SIGXFSZ, handler_);
-    }
-    FileSizeLimit(FileSizeLimit const&) = delete;
-    FileSizeLimit& operator=(FileSizeLimit const&) = delete;
-
-private:
-    void (*handler_)(int);
-    rlimit before_{};
-};
 
 // --- Blocks ------------------------------------------------------------------
 
@@ -841,23 +808,19 @@ TEST(AlignmentWriter, Descriptor_OfTheCaller_StaysOpen) {
 }
 
 TEST(AlignmentWriter, Descriptor_OfItsOwn_IsClosed) {
-    auto const n_open = [] {
-        auto const entries = std::filesystem::directory_iterator("/proc/self/fd");
-        return std::distance(begin(entries), end(entries));
-    };
     Header const header = header_of(HEADER_TEXT);
     TempDir const dir;
-    auto const before = n_open();
+    auto const before = n_open_files();
     AlignmentWriter writer;
     ASSERT_TRUE(writer.open(dir.file("x.bam"), header, header.text()));
-    EXPECT_EQ(n_open(), before + 1);
+    EXPECT_EQ(n_open_files(), before + 1);
     ASSERT_TRUE(writer.close());
-    EXPECT_EQ(n_open(), before);
+    EXPECT_EQ(n_open_files(), before);
     {
         AlignmentWriter left;
         ASSERT_TRUE(left.open(dir.file("y.bam"), header, header.text()));
     }
-    EXPECT_EQ(n_open(), before);
+    EXPECT_EQ(n_open_files(), before);
     EXPECT_EQ(read_file(dir.file("y.bam")), "");
 }
 

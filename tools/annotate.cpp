@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <exception>
 #include <iterator>
+#include <new>
 #include <set>
 #include <string>
 #include <string_view>
@@ -214,6 +215,8 @@ void annotate_reads(AnnotateOptions const& options) {
         read.line = input.number();
         try {
             fill_read(parse_object(line), read);
+        } catch (std::bad_alloc const&) {
+            throw;
         } catch (std::exception const& e) {
             input.fail(e.what());
         }

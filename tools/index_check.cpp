@@ -2,9 +2,9 @@
 
 #include <cstdint>
 #include <fstream>
-#include <iterator>
 #include <string_view>
 
+#include "tools/text_sink.h"
 #include "tools/tool_error.h"
 
 namespace tesk::tool {
@@ -22,10 +22,15 @@ constexpr std::uint64_t PSEUDO_BIN_N_CHUNK = 2;
 }
 
 std::string read_whole_file(std::string const& path) {
+    constexpr std::size_t PIECE_BYTES = std::size_t{1} << 18;
     std::ifstream in(path, std::ios::binary);
-    if (!in) throw ToolError("the index cannot be read: " + path);
-    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (in.bad()) throw ToolError("the index cannot be read: " + path);
+    std::string bytes;
+    for (std::size_t size = 0; in; bytes.resize(size)) {
+        bytes.resize(size + PIECE_BYTES);
+        in.read(&bytes[size], PIECE_BYTES);
+        size += static_cast<std::size_t>(in.gcount());
+    }
+    if (!in.eof() || in.bad()) throw ToolError("the index cannot be read: " + path);
     return bytes;
 }
 
@@ -101,6 +106,7 @@ void check_index(std::string const& path, std::size_t n_references) {
 
 void check_written_index(std::string const& path, OutputFile const& output,
                          std::size_t n_references) {
+    check_delayed_errors(output.index_descriptor(), path + ".bai");
     try {
         check_index(output.write_path() + ".bai", n_references);
     } catch (ToolError const& e) {

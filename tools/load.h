@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <exception>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -14,7 +15,7 @@
 namespace tesk::tool {
 
 /// Makes a call of the library; a false result becomes a ToolError with its
-/// message, an exception one that begins with the file's name.
+/// message, an exception but for std::bad_alloc one that begins with the file's name.
 ///
 /// @param handler  the one that the call is made on
 /// @param file     the file that the call is about
@@ -24,13 +25,15 @@ void call_library(util::bam::BAMFileHandler const& handler, std::string const& f
     bool done = false;
     try {
         done = call();
+    } catch (std::bad_alloc const&) {
+        throw;
     } catch (std::exception const& e) {
         throw ToolError(file + ": " + e.what());
     }
     if (!done) throw ToolError(handler.error_message);
 }
 
-/// Adds a SAM line to a handler; a refusal or an exception becomes a ToolError.
+/// Adds a SAM line to a handler; a refusal or such an exception becomes a ToolError.
 ///
 /// @param place  a function that says where the line comes from; the message
 ///               begins with that
@@ -39,6 +42,8 @@ void add_line(util::bam::BAMFileHandler& handler, std::string line, Place place)
     bool done = false;
     try {
         done = handler.add_alignment_sam(std::move(line));
+    } catch (std::bad_alloc const&) {
+        throw;
     } catch (std::exception const& e) {
         throw ToolError(place() + ": " + e.what());
     }

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <new>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -360,6 +361,9 @@ int main(int argc, char** argv) {
     } catch (tesk::tool::UsageError const& e) {
         tesk::tool::print_message(e.what());
         return WRONG_USE;
+    } catch (std::bad_alloc const&) {
+        std::fputs("tesk-bam: not enough memory\n", stderr);  // asks for none
+        return FAULT;
     } catch (std::exception const& e) {
         tesk::tool::print_message(e.what());
         return FAULT;

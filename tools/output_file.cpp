@@ -62,7 +62,11 @@ void take_over_permissions(std::string const& temporary, std::string const& targ
                            mode_t new_file_mode) {
     struct stat old = {};
     mode_t mode = new_file_mode;
-    if (::stat(target.c_str(), &old) == 0) {
+    bool const exists = ::stat(target.c_str(), &old) == 0;
+    if (!exists && errno != ENOENT) {
+        throw ToolError(with_errno("cannot set the permissions of " + target));
+    }
+    if (exists) {
         bool const same_group = ::chown(temporary.c_str(), old.st_uid, old.st_gid) == 0 ||
                                 ::chown(temporary.c_str(), uid_t(-1), old.st_gid) == 0;
         mode = old.st_mode & (same_group ? 0777 : 0707);
@@ -79,7 +83,9 @@ public:
     // first name all the time; otherwise the file moves to the second name.
     Backup(std::string file, std::string name) : file_(std::move(file)), name_(std::move(name)) {
         struct stat status = {};
-        if (::lstat(file_.c_str(), &status) != 0) return;
+        bool const is_there = ::lstat(file_.c_str(), &status) == 0;
+        if (!is_there && errno != ENOENT) throw ToolError(with_errno("cannot replace " + file_));
+        if (!is_there) return;
         if (!S_ISREG(status.st_mode))
             throw ToolError("cannot replace " + file_ + ": it is no file");
         exists_ = ::link(file_.c_str(), name_.c_str()) == 0 ||

@@ -41,6 +41,9 @@ public:
     /// @throws ToolError  a device cannot be opened
     int descriptor();
 
+    /// The same of the index, which must have been asked for.
+    int index_descriptor() const { return bai_->descriptor(); }
+
     /// A message of the library with the output's own names for the temporary
     /// ones.
     std::string in_own_names(std::string message) const;

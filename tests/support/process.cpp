@@ -13,7 +13,20 @@ extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leav
 
 namespace tesk::test {
 
-ProcessResult run_process(std::vector<std::string> const& arguments) {
+namespace {
+
+// As the system takes them: pointers to C strings, and a null.
+std::vector<char*> pointers_to(std::vector<std::string> const& texts) {
+    std::vector<char*> pointers;
+    for (std::string const& text : texts) pointers.push_back(const_cast<char*>(text.c_str()));
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+}  // namespace
+
+ProcessResult run_process(std::vector<std::string> const& arguments,
+                          std::vector<std::string> const& environment) {
     TempDir const dir;
     std::string const output_path = dir.write("output", "");
     std::string const errors_path = dir.write("errors", "");
@@ -24,14 +37,14 @@ ProcessResult run_process(std::vector<std::string> const& arguments) {
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output_path.c_str(), O_WRONLY, 0);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errors_path.c_str(), O_WRONLY, 0);
 
-    std::vector<char*> argv;
-    for (std::string const& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
+    std::vector<char*> argv = pointers_to(arguments);
+    std::vector<char*> variables = pointers_to(environment);
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        variables.insert(variables.end() - 1, *variable);
     }
-    argv.push_back(nullptr);
 
     pid_t pid = 0;
-    int const code = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    int const code = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), variables.data());
     posix_spawn_file_actions_destroy(&actions);
     if (code != 0) throw std::runtime_error("cannot start " + arguments.at(0));
 

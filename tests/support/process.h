@@ -18,6 +18,10 @@ struct ProcessResult {
 /// Runs a program found through PATH (or named by a path) to its end, without a
 /// shell, standard input empty; throws std::runtime_error where it cannot be
 /// started.
-ProcessResult run_process(std::vector<std::string> const& arguments);
+///
+/// @param environment  variables, such as "LANG=C", that it has besides those of this
+///                     process
+ProcessResult run_process(std::vector<std::string> const& arguments,
+                          std::vector<std::string> const& environment = {});
 
 }  // namespace tesk::test

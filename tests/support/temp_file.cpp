@@ -1,5 +1,7 @@
 #include "tests/support/temp_file.h"
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -28,6 +30,12 @@ std::string TempDir::file(std::string_view name) const { return (path_ / name).s
 std::string TempDir::write(std::string_view name, std::string_view bytes) const {
     std::string path = file(name);
     write_file(path, bytes);
+    return path;
+}
+
+std::string make_fifo(TempDir const& dir, std::string_view name) {
+    std::string path = dir.file(name);
+    if (::mkfifo(path.c_str(), 0600) != 0) throw std::runtime_error("cannot make " + path);
     return path;
 }
 

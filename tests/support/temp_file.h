@@ -30,6 +30,9 @@ private:
     std::filesystem::path path_;
 };
 
+/// Creates a FIFO of this name in the directory and returns its path.
+std::string make_fifo(TempDir const& dir, std::string_view name);
+
 /// All bytes of a file; throws std::runtime_error where it cannot be read.
 std::string read_file(std::string const& path);
 

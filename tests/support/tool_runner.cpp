@@ -4,7 +4,6 @@
 #include <pty.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -124,12 +123,6 @@ bool eventually(std::function<bool()> const& condition) {
     return true;
 }
 
-std::string make_fifo(TempDir const& dir, std::string const& name) {
-    std::string path = dir.file(name);
-    if (::mkfifo(path.c_str(), 0600) != 0) throw std::runtime_error("cannot make " + path);
-    return path;
-}
-
 bool has_temporary(std::filesystem::path const& folder) {
     Names const names = names_in(folder);
     return std::any_of(names.begin(), names.end(), is_temporary);
@@ -152,12 +145,15 @@ void interrupt_at_random(std::vector<std::string> const& arguments, int n_runs,
         std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start);
 
     // Seeded, yet the moments differ from run to run of the machine.
-    std::mt19937 random(7);  // NOLINT(cert-msc32-c,cert-msc51-cpp)
+    constexpr unsigned SEED = 7;
+    std::mt19937 random(SEED);  // NOLINT(cert-msc32-c,cert-msc51-cpp)
     std::uniform_int_distribution<std::int64_t> delay(0, duration.count() * 11 / 10);
     for (int i = 0; i < n_runs; ++i) {
         int const number = signals[static_cast<std::size_t>(i) % signals.size()];
         std::chrono::microseconds const moment(delay(random));
-        SCOPED_TRACE(std::to_string(moment.count()) + " of " + std::to_string(duration.count()));
+        SCOPED_TRACE("seed " + std::to_string(SEED) + ", run " + std::to_string(i) + ": signal " +
+                     std::to_string(number) + " after " + std::to_string(moment.count()) + " of " +
+                     std::to_string(duration.count()) + " microseconds");
         before();
         Running tool(arguments);
         std::this_thread::sleep_for(moment);

@@ -49,9 +49,6 @@ void remove_temporaries(std::filesystem::path const& folder);
 /// What a BAM file holds, inflated.
 std::string payload_of(std::string const& path);
 
-/// Creates a FIFO of this name in the directory and returns its path.
-std::string make_fifo(TempDir const& dir, std::string const& name);
-
 /// A process that the test talks to while it runs; it is killed with its owner.
 class Running {
 public:

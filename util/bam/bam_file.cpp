@@ -542,9 +542,11 @@ std::int32_t* BAMFileHandler::reference_slot(std::string_view name) {
             slot == FREE_SLOT || references[static_cast<std::size_t>(slot)].name == name;
         if (is_its_own) return &slot;
     }
+    decltype(references_by_name) by_name;  // takes over when it knows them all
     for (std::size_t i = 0; i < n_references_known; ++i) {
-        references_by_name.emplace(references[i].name, static_cast<std::int32_t>(i));
+        by_name.emplace(references[i].name, static_cast<std::int32_t>(i));
     }
+    references_by_name = std::move(by_name);
     return nullptr;
 }
 
@@ -1934,6 +1936,7 @@ bool BAMFileHandler::add_header_lines(std::string text) {
         (header_lines += line) += '\n';
     }
 
+    header.reserve(header.size() + text.size() + 1);  // now, so that both change or none
     references.insert(references.end(), std::make_move_iterator(new_references.begin()),
                       std::make_move_iterator(new_references.end()));
     header += text;
@@ -2736,10 +2739,13 @@ bool BAMFileHandler::read_BGZF_block_from_BAM(std::ifstream& in, std::vector<cha
     BgzfBlock block;
     if (!blocks.read(block)) return false;
     std::size_t const old_size = out.size();
+    bool is_read = false;
+    auto const drop_payload = gsl::finally([&] {
+        if (!is_read) out.resize(old_size);
+    });
     out.resize(old_size + block.payload_room());
-    if (blocks.inflate(block, out.data() + old_size)) return true;
-    out.resize(old_size);
-    return false;
+    is_read = blocks.inflate(block, out.data() + old_size);
+    return is_read;
 }
 
 bool BAMFileHandler::serialise_bam_record_to_buffer(BamRecord const& record,

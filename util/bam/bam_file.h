@@ -28,6 +28,8 @@
 //                                              the type its letter names
 //   std::length_error                          a position beyond all indexes, or a
 //                                              read of more than 2^31 - 1 bases
+//   std::bad_alloc                             memory has run out, anywhere; reset()
+//                                              makes the handler as good as new
 //
 // Threads. Nothing is locked. Use a handler from one thread at a time, const
 // members included: they update mutable members. Distinct handlers may work in
