@@ -12,12 +12,20 @@
 
 namespace tesk::interop {
 
-/// Packed CIGAR operations: length << CIGAR_OP_BITS | code, the code an index into
-/// "MIDNSHP=X".
+/// The letters of CIGAR operations; a letter's place is its code.
+constexpr std::string_view CIGAR_OPERATIONS = "MIDNSHP=X";
+/// Packed operations: length << CIGAR_OP_BITS | code.
 constexpr std::uint32_t CIGAR_OP_BITS = 4;
 constexpr std::uint32_t CIGAR_OP_MASK = 15;
 /// By code, bit 0 for M: whether an operation covers bases of the reference.
 constexpr std::uint32_t CIGAR_COVERS_REFERENCE = 0b110001101;  // M D N = X
+
+/// The bases of SEQ, two to a byte, the first one in the high bits; a letter's place
+/// is its code.
+constexpr std::string_view SEQ_BASES = "=ACMGRSVTWYHKDBN";
+
+/// QUAL of a record without qualities begins with this byte.
+constexpr char NO_QUALITY = '\xFF';
 
 /// The base after the last one that a record covers, 0-based: a record that covers
 /// none, as unmapped ones do, counts as one base.

@@ -101,7 +101,7 @@ bool is_tag(char const* tag) {
 
 // --- CIGAR -------------------------------------------------------------------
 
-constexpr std::string_view OPERATIONS = "MIDNSHP=X";  // a letter's place is its code
+constexpr std::string_view OPERATIONS = CIGAR_OPERATIONS;
 constexpr std::uint32_t OP_BITS = CIGAR_OP_BITS;
 constexpr std::uint32_t OP_MASK = CIGAR_OP_MASK;
 constexpr std::uint32_t MAX_OP_LENGTH = (1U << 28U) - 1;
@@ -136,7 +136,7 @@ struct CigarSpan {
 
 // --- Bases -------------------------------------------------------------------
 
-constexpr std::string_view BASES = "=ACMGRSVTWYHKDBN";  // a letter's place is its code
+constexpr std::string_view BASES = SEQ_BASES;
 
 // Entries of BASE_CODES: a code in the low four bits, and
 constexpr std::uint8_t LOWER_CASE = 0x10;
@@ -177,7 +177,6 @@ constexpr std::array<TwoBases, 256> BASE_PAIRS = make_base_pairs();
 
 constexpr char QUALITY_OFFSET = 33;
 constexpr std::uint8_t MAX_QUALITY = 93;  // '~'
-constexpr char NO_QUALITY = '\xFF';
 
 std::uint8_t greatest_of(char const* qualities, std::size_t n) {
     std::uint8_t greatest = 0;
@@ -343,16 +342,8 @@ void RecordCodec::check_reference_end(std::int32_t refID, std::int32_t pos,
 
 namespace {
 
-// One optional field of a binary record.
-struct Field {
-    char const* tag;
-    char type;
-    char const* value;
-    char const* end;  // of the value, a text's NUL included
-};
-
 // Appends an s or S field as the i or I field that holds the same number.
-char* store_widened(char* at, Field const& field) {
+char* store_widened(char* at, OptionalField const& field) {
     *at++ = field.tag[0];
     *at++ = field.tag[1];
     if (field.type == 's') {
@@ -364,8 +355,8 @@ char* store_widened(char* at, Field const& field) {
 }
 
 // The field at a place of valid optional fields.
-Field field_at(char const* at) {
-    Field field = {at, at[2], at + 3, at + 3};
+OptionalField field_at(char const* at) {
+    OptionalField field = {at, at[2], at + 3, at + 3};
     switch (field.type) {
         case 'A':
         case 'c':
@@ -383,7 +374,7 @@ Field field_at(char const* at) {
     return field;
 }
 
-bool is_long_cigar_field(Field const& field) {
+bool is_long_cigar_field(OptionalField const& field) {
     return std::memcmp(field.tag, CG_FIELD.data(), CG_FIELD.size()) == 0;
 }
 
@@ -396,17 +387,10 @@ bool is_placeholder(RecordView record) {
            first >> OP_BITS == static_cast<std::uint32_t>(record.l_seq());
 }
 
-// The operations of a valid record, from its CG field where they are there.
-struct Operations {
-    char const* begin;  // packed, unaligned
-    std::size_t n;
-    bool in_field;
-};
-
-Operations operations_of(RecordView record) {
+CigarOperations find_operations(RecordView record) {
     if (is_placeholder(record)) {
         for (char const* at = record.aux(); at != record.end();) {
-            Field const field = field_at(at);
+            OptionalField const field = field_at(at);
             if (is_long_cigar_field(field)) {
                 return {field.value + 5, load<std::uint32_t>(field.value + 1), true};
             }
@@ -417,6 +401,11 @@ Operations operations_of(RecordView record) {
 }
 
 }  // namespace
+
+// The codec itself calls the functions behind these, which compilers inline.
+OptionalField optional_field_at(char const* at) { return field_at(at); }
+
+CigarOperations operations_of(RecordView record) { return find_operations(record); }
 
 class RecordCodec::RecordChecker {
 public:
@@ -642,7 +631,7 @@ char* RecordCodec::RecordChecker::write(char* out) const {
     }
     at += n_plain;
     for (char const* field_begin = body_.data() + n_plain; field_begin != body_end();) {
-        Field const field = field_at(field_begin);
+        OptionalField const field = field_at(field_begin);
         auto const n_bytes = static_cast<std::size_t>(field.end - field_begin);
         if (field.type == 's' || field.type == 'S') {
             at = store_widened(at, field);
@@ -1292,19 +1281,19 @@ public:
         at_ = std::to_chars(at_, at_ + MAX_CHARS, value).ptr;
     }
 
-    void cigar(Operations const& operations);
+    void cigar(CigarOperations const& operations);
     void bases(RecordView record);
     void qualities(RecordView record);
-    void field(Field const& field);
+    void field(OptionalField const& field);
 
 private:
-    void array(Field const& field);
+    void array(OptionalField const& field);
     void bytes(std::array<ElementText, 256> const& texts, char const* elements, std::size_t n);
 
     char* at_;
 };
 
-void LineRenderer::cigar(Operations const& operations) {
+void LineRenderer::cigar(CigarOperations const& operations) {
     if (operations.n == 0) letter('*');
     for (std::size_t i = 0; i < operations.n; ++i) {
         auto const op = load<std::uint32_t>(operations.begin + i * sizeof(std::uint32_t));
@@ -1346,7 +1335,7 @@ void LineRenderer::bytes(std::array<ElementText, 256> const& texts, char const* 
     at_ = at;
 }
 
-void LineRenderer::array(Field const& field) {
+void LineRenderer::array(OptionalField const& field) {
     char const type = field.value[0];
     std::size_t const n = load<std::uint32_t>(field.value + 1);
     std::size_t const width = element_width(type);
@@ -1364,7 +1353,7 @@ void LineRenderer::array(Field const& field) {
     }
 }
 
-void LineRenderer::field(Field const& field) {
+void LineRenderer::field(OptionalField const& field) {
     letter('\t');
     letter(field.tag[0]);
     letter(field.tag[1]);
@@ -1396,7 +1385,7 @@ void RecordCodec::render_line(RecordView record, ByteBuffer& text) {
     std::string_view const rname = name_of(record.refID());
     bool const same = record.next_refID() >= 0 && record.next_refID() == record.refID();
     std::string_view const rnext = same ? "=" : name_of(record.next_refID());
-    Operations const operations = operations_of(record);
+    CigarOperations const operations = find_operations(record);
 
     LineRenderer line(
         text.room_for(GROWTH * record.size() + rname.size() + rnext.size() + FIXED_ROOM));
@@ -1422,7 +1411,7 @@ void RecordCodec::render_line(RecordView record, ByteBuffer& text) {
     line.letter('\t');
     line.qualities(record);
     for (char const* at = record.aux(); at != record.end();) {
-        Field const field = field_at(at);
+        OptionalField const field = field_at(at);
         at = field.end;
         if (!operations.in_field || !is_long_cigar_field(field)) line.field(field);
     }
@@ -1437,7 +1426,7 @@ namespace {
 bool disguise_float_arrays(RecordView record, char* bytes) {
     bool found = false;
     for (char const* at = record.aux(); at != record.end();) {
-        Field const field = field_at(at);
+        OptionalField const field = field_at(at);
         at = field.end;
         if (field.type != 'B' || *field.value != 'f') continue;
         bytes[field.value - record.bytes()] = 'I';
@@ -1450,7 +1439,7 @@ bool disguise_float_arrays(RecordView record, char* bytes) {
 void uncover_float_arrays(RecordView record, BAMFileHandler::BamRecord& filled) {
     std::size_t i = 0;
     for (char const* at = record.aux(); at != record.end(); ++i) {
-        Field const field = field_at(at);
+        OptionalField const field = field_at(at);
         at = field.end;
         if (field.type != 'B' || *field.value != 'f') continue;
         boost::any& value = filled.aux_data.at(i).value;

@@ -24,6 +24,27 @@ struct Fault {
     std::string reason;  ///< such as "3 qualities for 4 bases"
 };
 
+/// One optional field of an encoded record.
+struct OptionalField {
+    char const* tag;    ///< two characters
+    char type;          ///< one of A, c, C, s, S, i, I, f, Z, H and B
+    char const* value;  ///< of an array its element type and count (4 bytes) come first
+    char const* end;    ///< of the value, a text's NUL included
+};
+
+/// The field at a place of an encoded record's optional fields.
+TESK_BAM_EXPORT OptionalField optional_field_at(char const* at);
+
+/// Packed CIGAR operations, as they stand in an encoded record.
+struct CigarOperations {
+    char const* begin;  ///< of the first one, unaligned
+    std::size_t n;      ///< their number
+    bool in_field;      ///< the CG field has them, the CIGAR a placeholder
+};
+
+/// The operations of a record's CIGAR, wherever they stand.
+TESK_BAM_EXPORT CigarOperations operations_of(RecordView record);
+
 /// Turns SAM lines into BAM records and back.
 class TESK_BAM_EXPORT RecordCodec {
 public:

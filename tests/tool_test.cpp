@@ -92,6 +92,11 @@ TEST(Tool, Help_OfEachCommand_EndsWithExample) {
          "Read a SAM or BAM file and tell all that is wrong with it\n"
          "Usage: tesk-bam validate [OPTIONS] FILE\n",
          "  tesk-bam validate reads.bam\n"},
+        {"report",
+         {"report", "--help"},
+         "Write an HTML page about a SAM or BAM file: lengths, qualities, coverage\n"
+         "Usage: tesk-bam report [OPTIONS] FILE OUT\n",
+         "  tesk-bam report reads.bam reads.html\n"},
     };
     for (HelpCase const& c : cases) {
         SCOPED_TRACE(c.label);
@@ -110,18 +115,19 @@ TEST(Tool, HelpExamples_Run_DoWhatTheySay) {
     dir.write("reads.sam", sample_sam());
     ProcessResult const result = run_shell(
         "cd \"$1\" || exit; tool=$0; tesk-bam() { \"$tool\" \"$@\"; }\n"
-        "for command in '' convert dump-index info; do\n"
+        "for command in '' convert dump-index report info; do\n"
         "    eval \"$(tesk-bam $command --help | tail -n 1)\" >output || exit\n"
         "done; cat output",
         {dir.path().string()});
     expect_done(result);
     EXPECT_EQ(result.output, "  \"mapped\": 2,\n");
-    EXPECT_EQ(names_in(dir.path()), (Names{"output", "reads.bam", "reads.bam.bai", "reads.sam"}));
+    EXPECT_EQ(names_in(dir.path()),
+              (Names{"output", "reads.bam", "reads.bam.bai", "reads.html", "reads.sam"}));
 }
 
 TEST(Tool, Version_OfToolOrCommand_IsNameAndNumber) {
     for (std::string const command :
-         {"", "convert", "view", "validate", "import", "annotate", "info", "dump-index"}) {
+         {"", "convert", "view", "validate", "report", "import", "annotate", "info", "dump-index"}) {
         SCOPED_TRACE(command);
         std::vector<std::string> arguments = {"--version"};
         if (!command.empty()) arguments.insert(arguments.begin(), command);
@@ -1031,8 +1037,11 @@ TEST(Tool, StandardOutput_CannotBeWritten_IsErrorForEveryCommand) {
     TempDir const dir;
     std::string const in = dir.write("in.sam", sample_sam());
     std::string const bai = dir.write("in.bai", build_bai(0, {}, false));
-    std::vector<std::vector<std::string>> const commands = {
-        {"convert", in, "-"}, {"info", in}, {"info", in, "--json"}, {"dump-index", bai}};
+    std::vector<std::vector<std::string>> const commands = {{"convert", in, "-"},
+                                                            {"info", in},
+                                                            {"info", in, "--json"},
+                                                            {"report", in, "-"},
+                                                            {"dump-index", bai}};
     for (std::vector<std::string> const& command : commands) {
         SCOPED_TRACE(command[0]);
         expect_failure(run_shell("exec \"$0\" \"$@\" > /dev/full", command), 1,

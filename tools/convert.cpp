@@ -67,11 +67,8 @@ bool shows_progress(ConvertOptions const& options) {
 
 void copy_records(AlignmentReader& reader, AlignmentOutput& output, Progress& progress) {
     output.open(reader.header(), reader.header().text());
-    interop::RecordBatch batch;
-    for (read_batch(reader, batch); batch.n_records != 0; read_batch(reader, batch)) {
-        output.write(batch);
-        progress.advance(reader.bytes_read());
-    }
+    for_each_batch(reader, progress,
+                   [&](interop::RecordBatch const& batch) { output.write(batch); });
 }
 
 // --- Sorted ----------------------------------------------------------------------
@@ -146,11 +143,9 @@ void sort_records(Plan const& plan, AlignmentReader& reader, AlignmentOutput& ou
                   Progress& progress) {
     CoordinateSorter sorter(sorter_options(plan, output));
     check_index_limit(plan, reader, sorter);  // of the references alone
-    interop::RecordBatch batch;
-    for (read_batch(reader, batch); batch.n_records != 0; read_batch(reader, batch)) {
+    for_each_batch(reader, progress, [&](interop::RecordBatch const& batch) {
         if (!sorter.add(batch)) throw ToolError(sorter.error_message);
-        progress.advance(reader.bytes_read());
-    }
+    });
     check_index_limit(plan, reader, sorter);
     write_sorted(plan, reader, sorter, output, progress);
 }

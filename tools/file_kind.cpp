@@ -8,16 +8,17 @@ namespace tesk::tool {
 
 namespace {
 
-// The last four bytes of a path, in lower case.
-std::string ending_of(std::string const& path) {
-    std::string ending = path.substr(path.size() < 4 ? 0 : path.size() - 4);
+constexpr std::size_t ENDING_BYTES = 4;  // of both kinds
+
+}  // namespace
+
+std::string ending_of(std::string const& path, std::size_t n_bytes) {
+    std::string ending = path.substr(path.size() < n_bytes ? 0 : path.size() - n_bytes);
     for (char& c : ending) {
         if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
     }
     return ending;
 }
-
-}  // namespace
 
 char const* kind_name(FileKind kind) { return kind == FileKind::SAM ? "SAM" : "BAM"; }
 
@@ -26,7 +27,7 @@ void refuse_standard_input(std::string const& path) {
 }
 
 FileKind kind_of(std::string const& path, std::string const& wanted, std::string const& option) {
-    std::string const kind = wanted.empty() ? ending_of(path) : "." + wanted;
+    std::string const kind = wanted.empty() ? ending_of(path, ENDING_BYTES) : "." + wanted;
     if (kind == ".sam") return FileKind::SAM;
     if (kind == ".bam") return FileKind::BAM;
     throw UsageError("cannot tell from its name whether " + path + " is SAM or BAM: say " + option +

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace tesk::tool {
@@ -10,6 +11,9 @@ enum class FileKind { SAM, BAM };
 
 /// "SAM" or "BAM".
 char const* kind_name(FileKind kind);
+
+/// The last bytes of a path, in lower case.
+std::string ending_of(std::string const& path, std::size_t n_bytes);
 
 /// Refuses "-" as the name of an input that must be a file.
 /// @throws UsageError

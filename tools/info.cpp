@@ -6,13 +6,10 @@
 #include "tools/exact_info.h"
 #include "tools/file_kind.h"
 #include "tools/input.h"
-#include "tools/load.h"
 #include "tools/notes.h"
 #include "tools/progress.h"
 #include "tools/summary.h"
 #include "tools/text_sink.h"
-#include "tools/tool_error.h"
-#include "util/bam/bam_file.h"
 
 namespace tesk::tool {
 
@@ -20,27 +17,13 @@ using interop::AlignmentReader;
 
 namespace {
 
-// The library knows how an @HD line states an order.
-std::string stated_order(AlignmentReader const& reader) {
-    util::bam::BAMFileHandler handler;
-    call_library(handler, reader.name(),
-                 [&] { return handler.add_header_lines(reader.header().text()); });
-    return sort_order_of(handler);
-}
-
 Summary summarise(AlignmentReader& reader, Progress& progress) {
-    Summary summary;
-    summary.sort_order = stated_order(reader);
-    for (interop::RefSeq const& reference : reader.header().references()) {
-        summary.references.push_back({reference.name, reference.length, {}});
-    }
-    interop::RecordBatch batch;
-    for (read_batch(reader, batch); batch.n_records != 0; read_batch(reader, batch)) {
+    Summary summary = summary_of_header(reader);
+    for_each_batch(reader, progress, [&](interop::RecordBatch const& batch) {
         interop::for_each_record(batch.records.view(), [&](interop::RecordView record) {
             summary.add(record.refID(), record.flag(), record.l_seq());
         });
-        progress.advance(reader.bytes_read());
-    }
+    });
     return summary;
 }
 

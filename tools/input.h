@@ -6,6 +6,7 @@
 
 #include "interop/alignment_reader.h"
 #include "tools/file_kind.h"
+#include "tools/progress.h"
 
 namespace tesk::tool {
 
@@ -19,6 +20,17 @@ void open_input(interop::AlignmentReader& reader, std::string const& path, std::
 /// Reads the next records.
 /// @throws ToolError  the input is at fault
 void read_batch(interop::AlignmentReader& reader, interop::RecordBatch& batch);
+
+/// Reads all that is left and hands each batch to `use`.
+/// @throws ToolError  the input is at fault
+template <typename Use>
+void for_each_batch(interop::AlignmentReader& reader, Progress& progress, Use use) {
+    interop::RecordBatch batch;
+    for (read_batch(reader, batch); batch.n_records != 0; read_batch(reader, batch)) {
+        use(batch);
+        progress.advance(reader.bytes_read());
+    }
+}
 
 /// The format that the input turned out to have.
 FileKind kind_of_input(interop::AlignmentReader const& reader);

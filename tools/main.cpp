@@ -24,6 +24,7 @@
 #include "tools/import.h"
 #include "tools/info.h"
 #include "tools/message.h"
+#include "tools/report.h"
 #include "tools/suggestion.h"
 #include "tools/tool_error.h"
 #include "tools/unmapped_reads.h"
@@ -39,6 +40,7 @@ using tesk::tool::ImportOptions;
 using tesk::tool::InfoOptions;
 using tesk::tool::Packing;
 using tesk::tool::ReadsOptions;
+using tesk::tool::ReportOptions;
 using tesk::tool::ValidateOptions;
 using tesk::tool::ViewOptions;
 
@@ -209,6 +211,21 @@ void add_info(CLI::App& app, InfoOptions& options) {
     command->final_callback([&options] { tesk::tool::info(options); });
 }
 
+void add_report(CLI::App& app, ReportOptions& options) {
+    CLI::App* const command = app.add_subcommand(
+        "report", "Write an HTML page about a SAM or BAM file: lengths, qualities, coverage");
+    add_file(*command, "FILE", options.file, "SAM or BAM file to read, or - for standard input");
+    add_file(*command, "OUT", options.out,
+             "HTML file to write, its name ends in .html; or - for standard output");
+    add_allow_missing_eof(*command, options.allow_missing_eof);
+    add_version(*command);
+    add_quiet(*command, options.quiet);
+    command->footer(
+        "Example: a page to look at in a browser\n"
+        "  tesk-bam report reads.bam reads.html");
+    command->final_callback([&options] { tesk::tool::write_report(options); });
+}
+
 void add_dump_index(CLI::App& app, DumpIndexOptions& options) {
     CLI::App* const command = app.add_subcommand("dump-index", "Print a BAI file in readable form");
     add_file(*command, "FILE", options.file, "BAI file to read");
@@ -320,6 +337,7 @@ int run(int argc, char const* const* argv) {
     ViewOptions view_options;
     ValidateOptions validate_options;
     InfoOptions info_options;
+    ReportOptions report_options;
     DumpIndexOptions dump_index_options;
     ImportOptions import_options;
     AnnotateOptions annotate_options;
@@ -328,6 +346,7 @@ int run(int argc, char const* const* argv) {
     add_view(app, view_options);
     add_validate(app, validate_options, valid);
     add_info(app, info_options);
+    add_report(app, report_options);
     add_dump_index(app, dump_index_options);
     add_import(app, import_options);
     add_annotate(app, annotate_options);

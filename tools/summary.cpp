@@ -10,13 +10,14 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tools/flag.h"
+#include "tools/load.h"
 #include "tools/message.h"
+#include "util/bam/bam_file.h"
 
 namespace tesk::tool {
 
 namespace {
-
-constexpr unsigned FLAG_UNMAPPED = 4;
 
 // --- JSON --------------------------------------------------------------------
 
@@ -102,19 +103,28 @@ void ReadLengths::add(std::int32_t length) {
 // From the longest down to where half of all bases are reached.
 std::optional<ReadLengthSummary> ReadLengths::summary() const {
     if (counts_.empty()) return std::nullopt;
-    ReadLengthSummary result{0, counts_.rbegin()->first, counts_.begin()->first, 0};
-    std::uint64_t n_bases = 0;
+    ReadLengthSummary result;
+    result.min = counts_.rbegin()->first;
+    result.max = counts_.begin()->first;
     for (auto const& [length, count] : counts_) {
         result.records += count;
-        n_bases += static_cast<std::uint64_t>(length) * count;
+        result.bases += static_cast<std::uint64_t>(length) * count;
     }
     std::uint64_t covered = 0;
     for (auto const& [length, count] : counts_) {
         covered += static_cast<std::uint64_t>(length) * count;
         result.n50 = length;
-        if (covered >= n_bases - covered) break;
+        if (covered >= result.bases - covered) break;
     }
+    std::uint64_t const n = result.records;
+    result.median = (static_cast<double>(at((n - 1) / 2)) + at(n / 2)) / 2;
     return result;
+}
+
+std::int32_t ReadLengths::at(std::uint64_t place) const {
+    auto entry = counts_.begin();
+    for (; place >= entry->second; ++entry) place -= entry->second;
+    return entry->first;
 }
 
 void Summary::add(std::int32_t refID, unsigned flag, std::int32_t l_seq) {
@@ -125,6 +135,19 @@ void Summary::add(std::int32_t refID, unsigned flag, std::int32_t l_seq) {
         references.at(static_cast<std::size_t>(refID)).counts.add(flag);
     }
     read_lengths.add(l_seq);
+}
+
+Summary summary_of_header(interop::AlignmentReader const& reader) {
+    // The library knows how an @HD line states an order.
+    util::bam::BAMFileHandler handler;
+    call_library(handler, reader.name(),
+                 [&] { return handler.add_header_lines(reader.header().text()); });
+    Summary summary;
+    summary.sort_order = sort_order_of(handler);
+    for (interop::RefSeq const& reference : reader.header().references()) {
+        summary.references.push_back({reference.name, reference.length, {}});
+    }
+    return summary;
 }
 
 std::string json_text(Summary const& summary, std::string const& file, FileKind kind) {

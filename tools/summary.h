@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "interop/alignment_reader.h"
 #include "tools/file_kind.h"
 
 namespace tesk::tool {
@@ -34,6 +35,8 @@ struct ReadLengthSummary {
     std::int32_t min = 0;
     std::int32_t max = 0;
     std::int32_t n50 = 0;  // reads of at least this length hold half of all bases
+    std::uint64_t bases = 0;
+    double median = 0;  // of two in the middle their mean
 };
 
 /// Lengths of reads, each kept once with its count: of a file of any size there
@@ -46,7 +49,13 @@ public:
     /// Empty where no record has a sequence.
     std::optional<ReadLengthSummary> summary() const;
 
+    /// Number of reads of each length that occurs, the longest first.
+    std::map<std::int32_t, std::uint64_t, std::greater<>> const& counts() const { return counts_; }
+
 private:
+    // Length of the read at a place of their order.
+    std::int32_t at(std::uint64_t place) const;
+
     std::map<std::int32_t, std::uint64_t, std::greater<>> counts_;
 };
 
@@ -62,6 +71,10 @@ struct Summary {
     /// @param l_seq  number of bases
     void add(std::int32_t refID, unsigned flag, std::int32_t l_seq);
 };
+
+/// What the header of a file says, without records as yet.
+/// @throws ToolError  the library refuses the header
+Summary summary_of_header(interop::AlignmentReader const& reader);
 
 /// One JSON object.
 std::string json_text(Summary const& summary, std::string const& file, FileKind kind);

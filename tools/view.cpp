@@ -58,15 +58,6 @@ std::optional<interop::IndexReader> index_for(ViewOptions const& options,
     return index;
 }
 
-template <typename Use>
-void for_each_batch(AlignmentReader& reader, Progress& progress, Use use) {
-    interop::RecordBatch batch;
-    for (read_batch(reader, batch); batch.n_records != 0; read_batch(reader, batch)) {
-        use(batch);
-        progress.advance(reader.bytes_read());
-    }
-}
-
 void print_count(AlignmentReader& reader, Progress& progress) {
     std::uint64_t n = 0;
     for_each_batch(reader, progress,
