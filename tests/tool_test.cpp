@@ -92,6 +92,11 @@ TEST(Tool, Help_OfEachCommand_EndsWithExample) {
          "Read a SAM or BAM file and tell all that is wrong with it\n"
          "Usage: tesk-bam validate [OPTIONS] FILE\n",
          "  tesk-bam validate reads.bam\n"},
+        {"completion",
+         {"completion", "--help"},
+         "Print a script that completes command lines in bash\n"
+         "Usage: tesk-bam completion [OPTIONS]\n",
+         "  source <(tesk-bam completion)\n"},
         {"report",
          {"report", "--help"},
          "Write an HTML page about a SAM or BAM file: lengths, qualities, coverage\n"
@@ -125,9 +130,51 @@ TEST(Tool, HelpExamples_Run_DoWhatTheySay) {
               (Names{"output", "reads.bam", "reads.bam.bai", "reads.html", "reads.sam"}));
 }
 
+struct CompletionCase {
+    char const* line;  // up to the cursor
+    char const* completed;
+};
+
+TEST(Tool, Completion_InBash_KnowsCommandsOptionsValuesAndFiles) {
+    constexpr CompletionCase CASES[] = {
+        {"tesk-bam c", "completion|convert"},
+        {"tesk-bam dump", "dump-index"},
+        {"tesk-bam --v", "--version"},
+        {"tesk-bam frob", ""},
+        {"tesk-bam convert --in", "--index"},
+        {"tesk-bam convert --t", "--threads|--tmp|--to"},
+        {"tesk-bam view --co", "--count"},
+        {"tesk-bam view --in", ""},
+        {"tesk-bam convert --to ", "bam|sam"},
+        {"tesk-bam convert --from b", "bam"},
+        {"tesk-bam convert --level ", ""},
+        {"tesk-bam convert --tmp ", "a folder"},
+        {"tesk-bam convert r", "reads.bam|reads.sam"},
+        {"tesk-bam convert --index reads.s", "reads.sam"},
+        {"tesk-bam convert a", "a folder"},
+        {"tesk-bam no-command x", ""},
+    };
+    TempDir const dir;
+    dir.write("reads.sam", "");
+    dir.write("reads.bam", "");
+    std::filesystem::create_directory(dir.file("a folder"));
+    for (CompletionCase const& c : CASES) {
+        SCOPED_TRACE(c.line);
+        // What the shell does when the key is pressed; compopt works there alone.
+        ProcessResult const result = run_shell(
+            "cd \"$1\" || exit; source <(\"$0\" completion) || exit; compopt() { :; }\n"
+            "read -ra COMP_WORDS <<<\"$2\"; [[ $2 == *' ' ]] && COMP_WORDS+=('')\n"
+            "COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _tesk_bam\n"
+            "printf '%s\\n' \"${COMPREPLY[@]}\" | sort | paste -sd '|'",
+            {dir.path().string(), c.line});
+        expect_done(result);
+        EXPECT_EQ(result.output, std::string(c.completed) + "\n");
+    }
+}
+
 TEST(Tool, Version_OfToolOrCommand_IsNameAndNumber) {
-    for (std::string const command :
-         {"", "convert", "view", "validate", "report", "import", "annotate", "info", "dump-index"}) {
+    for (std::string const command : {"", "convert", "view", "validate", "report", "import",
+                                      "annotate", "info", "dump-index", "completion"}) {
         SCOPED_TRACE(command);
         std::vector<std::string> arguments = {"--version"};
         if (!command.empty()) arguments.insert(arguments.begin(), command);

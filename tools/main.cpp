@@ -19,6 +19,7 @@
 #include <CLI/CLI.hpp>
 
 #include "tools/annotate.h"
+#include "tools/completion.h"
 #include "tools/convert.h"
 #include "tools/dump_index.h"
 #include "tools/import.h"
@@ -26,6 +27,7 @@
 #include "tools/message.h"
 #include "tools/report.h"
 #include "tools/suggestion.h"
+#include "tools/text_sink.h"
 #include "tools/tool_error.h"
 #include "tools/unmapped_reads.h"
 #include "tools/validate.h"
@@ -271,6 +273,20 @@ void add_annotate(CLI::App& app, AnnotateOptions& options) {
     command->final_callback([&options] { tesk::tool::annotate_reads(options); });
 }
 
+void add_completion(CLI::App& app) {
+    CLI::App* const command =
+        app.add_subcommand("completion", "Print a script that completes command lines in bash");
+    add_version(*command);
+    command->footer(
+        "Example: completion in this shell\n"
+        "  source <(tesk-bam completion)");
+    command->final_callback([&app] {
+        tesk::tool::TextSink out = tesk::tool::standard_output();
+        out.write(tesk::tool::bash_completion(app));
+        out.finish();
+    });
+}
+
 // --- Wrong use -------------------------------------------------------------------
 
 int report_wrong_use(std::string const& message) {
@@ -350,6 +366,7 @@ int run(int argc, char const* const* argv) {
     add_dump_index(app, dump_index_options);
     add_import(app, import_options);
     add_annotate(app, annotate_options);
+    add_completion(app);
     std::string const unknown = unknown_command(app, argc, argv);
     if (!unknown.empty()) return report_wrong_use(unknown);
     try {
