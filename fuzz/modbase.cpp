@@ -2,6 +2,7 @@
 // the calls that a search for every motif, letter by letter, finds; a view with steps
 // gives the same as a plain array; and the context's text form comes back.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
@@ -23,6 +24,7 @@ using tesk::util::bam::BaseModContext;
 using ByteView = tesk::data_wrappers::VecView<unsigned char>;
 
 constexpr std::string_view BASES = "ACGT";
+constexpr std::size_t MAX_CHANNELS = 64;  // the search takes their square
 
 struct Input {
     std::uint8_t threshold = 0;
@@ -44,6 +46,7 @@ Input make_input(std::string_view bytes) {
     std::vector<std::string_view> const texts = tesk::test::split(bytes.substr(2), '\0');
     std::string* const targets[] = {&input.alphabet, &input.names, &input.context};
     for (std::size_t i = 0; i < 3 && i < texts.size(); ++i) *targets[i] = texts[i];
+    input.alphabet.resize(std::min(input.alphabet.size(), MAX_CHANNELS));
     for (std::size_t i = 3; i < texts.size(); ++i) {
         // Nearly all letters become bases, so that reads are worth calling.
         for (char const c : texts[i]) input.sequence += c == 'N' ? c : BASES[c & 3];

@@ -1,22 +1,20 @@
 // A SAM line. The handler reads it as a plain reader with streams does; and a record
 // that can be rendered renders the same after a way through its BAM bytes.
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "fuzz/alignments.h"
 #include "fuzz/target.h"
 #include "tests/support/plain_sam_reader.h"
 #include "util/bam/bam_file.h"
 
 namespace {
 
-using tesk::util::bam::BAMFileHandler;
+using tesk::fuzz::BAMFileHandler;
 using BamRecord = BAMFileHandler::BamRecord;
-
-constexpr std::size_t MAX_NAME_BYTES = 254;
 
 // More than a short list, one name twice.
 std::vector<std::string> reference_names() {
@@ -31,26 +29,6 @@ BAMFileHandler handler_with_references() {
     return handler;
 }
 
-bool holds_nul(std::string const& text) { return text.find('\0') != std::string::npos; }
-
-// Whether BAM has a form for the texts of a record.
-bool has_bam_form(BamRecord const& record) {
-    auto const is_text_with_nul = [](BAMFileHandler::AuxData const& field) {
-        auto const* const text = boost::any_cast<std::string>(&field.value);
-        return text != nullptr && holds_nul(*text);
-    };
-    return record.read_name.size() <= MAX_NAME_BYTES && !holds_nul(record.read_name) &&
-           std::none_of(record.aux_data.begin(), record.aux_data.end(), is_text_with_nul);
-}
-
-bool is_rendered(BAMFileHandler& handler, BamRecord& record) {
-    try {
-        return handler.update_sam_line(record);
-    } catch (boost::bad_any_cast const&) {
-        return false;  // an array of floats
-    }
-}
-
 void check_way_through_bam(std::string const& line) {
     static BAMFileHandler handler = handler_with_references();
     BamRecord record;
@@ -59,7 +37,7 @@ void check_way_through_bam(std::string const& line) {
     } catch (std::exception const&) {
         return;  // compared with the plain reading
     }
-    if (!has_bam_form(record) || !is_rendered(handler, record)) return;
+    if (!tesk::fuzz::has_bam_form(record) || !tesk::fuzz::render(handler, record)) return;
     std::vector<char> bytes;
     tesk::fuzz::require(handler.serialise_bam_record_to_buffer(record, bytes),
                         handler.error_message);
