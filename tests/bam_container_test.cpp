@@ -1116,6 +1116,10 @@ TEST(BamRecordCodec, Serialise_UnknownTypeLetter_Overruns) {
         record.aux_data = {aux("XX", letter, std::int32_t{1})};
         EXPECT_EQ(runtime_error_of([&] { handler.serialise_bam_record_to_buffer(record, buffer); }),
                   WRITE_OVERRUN);
+        // Its tag fits where the next field belongs.
+        record.aux_data.push_back(aux("XI", 'i', std::int32_t{1}));
+        EXPECT_EQ(runtime_error_of([&] { handler.serialise_bam_record_to_buffer(record, buffer); }),
+                  WRITE_OVERRUN);
     }
 }
 

@@ -581,6 +581,13 @@ TEST(ModContext, SequenceMask_OtherLetterAnywhere_ThrowsMapAt) {
         }
         EXPECT_EQ(exception_of([&] { (void)context.get_sequence_mask("N"); }),
                   "out_of_range map::at");
+        for (std::size_t position = 0; position < 200; ++position) {
+            std::string sequence(200, 'A');
+            sequence[position] = 'N';
+            EXPECT_EQ(exception_of([&] { (void)context.get_sequence_mask(sequence); }),
+                      "out_of_range map::at")
+                << position;
+        }
         EXPECT_EQ(contexts_text(context), before);
     }
 }
