@@ -131,6 +131,8 @@ Texts sam_files() {
                         SamLine().with(tesk::test::POS, "7").field("NM:i:1").text() + '\n');
     }
     files.push_back(sam_headers()[0] + joined(sam_lines()));
+    // A reference that the line before it does not know.
+    files.push_back(SamLine().text() + "\n@SQ\tSN:chr1\tLN:1000\n" + SamLine().text() + '\n');
     // An operation that is cut when it is packed.
     files.push_back(sam_headers()[0] + SamLine().with(tesk::test::CIGAR, "300000000M").text() +
                     '\n');

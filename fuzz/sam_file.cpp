@@ -46,7 +46,19 @@ bool ends_with(std::string_view text, std::string_view end) {
     return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
 }
 
-void check_sam_written(BAMFileHandler const& handler) {
+// Whether a header line comes behind an alignment: its references are unknown to the
+// lines before it, until the file is written.
+bool has_late_header_line(std::string_view text) {
+    bool has_alignment = false;
+    for (std::string_view const line : tesk::test::split(text, '\n')) {
+        if (line.empty()) continue;
+        if (line.front() != '@') has_alignment = true;
+        if (line.front() == '@' && has_alignment) return true;
+    }
+    return false;
+}
+
+void check_sam_written(BAMFileHandler const& handler, bool has_late_header_line) {
     std::string const path = tesk::fuzz::scratch_path("written.sam");
     tesk::fuzz::require(handler.write_to_sam_file(path), handler.error_message);
     tesk::fuzz::require_same(handler.header + tesk::fuzz::lines_of(handler),
@@ -54,6 +66,9 @@ void check_sam_written(BAMFileHandler const& handler) {
     BAMFileHandler again;
     tesk::fuzz::Reading const reading = tesk::fuzz::read_sam(again, path);
     tesk::fuzz::require(reading.done, reading.fault);
+    tesk::fuzz::require_same(tesk::fuzz::lines_of(handler), tesk::fuzz::lines_of(again),
+                             "a SAM file that was written has the same lines");
+    if (has_late_header_line) return;
     tesk::fuzz::require_same(contents(handler), contents(again),
                              "a SAM file that was written is read as the same");
 }
@@ -75,7 +90,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     tesk::fuzz::require_same(contents(line_by_line), contents(handler),
                              "a file is read as its lines are");
     if (!reading.done) return 0;
-    check_sam_written(handler);
+    check_sam_written(handler, has_late_header_line(text));
     tesk::fuzz::check_written(handler, 1);
     return 0;
 }

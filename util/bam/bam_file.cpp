@@ -1714,33 +1714,37 @@ bool BAMFileHandler::write_to_sam_file(std::string const& path) const {
     std::ofstream out(path, std::ios::trunc);
     if (!out) return fail(error_message, "Cannot open SAM file : " + path);
 
-    auto const write = [&out](std::string_view text) {
-        out.write(text.data(), static_cast<std::streamsize>(text.size()));
-    };
     // Pieces are of one size, which the system takes fastest.
     CharBuffer piece(FILE_PIECE_BYTES);
+    auto const write_piece = [&] {
+        out.write(piece.data(), static_cast<std::streamsize>(piece.size()));
+        piece.clear();
+    };
     auto const add = [&](std::string_view text) {
         while (piece.size() + text.size() >= FILE_PIECE_BYTES) {
             std::size_t const n = FILE_PIECE_BYTES - piece.size();
             piece.add(text.substr(0, n));
             text.remove_prefix(n);
-            write(piece.view());
-            piece.clear();
+            write_piece();
         }
         piece.add(text);
     };
     add(header);
-    // Lines lie anywhere, so they are asked for a while before they are copied.
+    // Lines lie anywhere, so they are asked for a while before they are copied; of each
+    // the first bytes, whose neighbours the processor then brings by itself.
     constexpr std::size_t N_AHEAD = 8;
+    constexpr std::size_t LINE_OF_CACHE = 64;
     for (std::size_t i = 0; i < records.size(); ++i) {
         if (records.size() - i > N_AHEAD) {
             char const* const ahead = records[i + N_AHEAD].sam_line.data();
-            for (std::size_t k = 0; k < 512; k += 64) __builtin_prefetch(ahead + k);
+            __builtin_prefetch(ahead);
+            __builtin_prefetch(ahead + LINE_OF_CACHE);
         }
         add(records[i].sam_line);
-        add("\n");
+        piece.add('\n');  // add() leaves room for it
+        if (piece.size() == FILE_PIECE_BYTES) write_piece();
     }
-    write(piece.view());
+    write_piece();
     out.close();
     if (!out) return fail(error_message, "SAM file reported error on close " + path);
     return true;
