@@ -227,6 +227,7 @@ std::int64_t load_integer(char const* bytes, char letter) {
 }
 
 constexpr std::string_view CG_FIELD = "CGBI";  // tag, type and element type
+constexpr std::string_view CG_TAG = CG_FIELD.substr(0, 2);
 
 // The first byte that a text field cannot hold, or the end. NUL, tab and line ends
 // are among the lowest characters.
@@ -373,6 +374,8 @@ OptionalField field_at(char const* at) {
     }
     return field;
 }
+
+std::string_view tag_of(OptionalField const& field) { return {field.tag, 2}; }
 
 bool is_long_cigar_field(OptionalField const& field) {
     return std::memcmp(field.tag, CG_FIELD.data(), CG_FIELD.size()) == 0;
@@ -1421,29 +1424,38 @@ void RecordCodec::render_line(RecordView record, ByteBuffer& text) {
 
 namespace {
 
-// Has the library take an array of floats, which it cannot render, for one of
-// integers, which have the same width; returns whether there was one.
-bool disguise_float_arrays(RecordView record, char* bytes) {
+// Changes a copy of a record so that the library takes it: an array of floats, which it
+// cannot render, becomes one of integers, which have the same width; a field called CG,
+// which it may take for the CIGAR of any record that begins with a soft clip, gets another
+// tag unless it is that. Returns whether there was something to change.
+bool disguise_fields(RecordView record, char* bytes) {
+    bool const has_long_cigar = find_operations(record).in_field;
     bool found = false;
     for (char const* at = record.aux(); at != record.end();) {
         OptionalField const field = field_at(at);
         at = field.end;
-        if (field.type != 'B' || *field.value != 'f') continue;
-        bytes[field.value - record.bytes()] = 'I';
-        found = true;
+        if (field.type == 'B' && *field.value == 'f') {
+            bytes[field.value - record.bytes()] = 'I';
+            found = true;
+        }
+        if (!has_long_cigar && tag_of(field) == CG_TAG) {
+            bytes[field.tag - record.bytes()] = 'c';
+            found = true;
+        }
     }
     return found;
 }
 
-// Gives them their type back.
-void uncover_float_arrays(RecordView record, BAMFileHandler::BamRecord& filled) {
+// Gives them back what they are.
+void uncover_fields(RecordView record, BAMFileHandler::BamRecord& filled) {
     std::size_t i = 0;
     for (char const* at = record.aux(); at != record.end(); ++i) {
         OptionalField const field = field_at(at);
         at = field.end;
+        BAMFileHandler::AuxData& data = filled.aux_data.at(i);
+        data.tag = tag_of(field);
         if (field.type != 'B' || *field.value != 'f') continue;
-        boost::any& value = filled.aux_data.at(i).value;
-        boost::any_cast<BAMFileHandler::AuxNumericalArray&>(value).type = 'f';
+        boost::any_cast<BAMFileHandler::AuxNumericalArray&>(data.value).type = 'f';
     }
 }
 
@@ -1452,7 +1464,7 @@ void uncover_float_arrays(RecordView record, BAMFileHandler::BamRecord& filled) 
 bool RecordCodec::hand_over(RecordView record, std::string_view line, BAMFileHandler& handler,
                             std::string& error) {
     copy_.assign(record.bytes(), record.end());
-    bool const has_float_arrays = disguise_float_arrays(record, copy_.data());
+    bool const has_disguise = disguise_fields(record, copy_.data());
     BAMFileHandler::BamBuffer buffer{copy_.data(), copy_.size()};
     try {
         if (!handler.extract_alignment_from_buffer(buffer)) {
@@ -1466,7 +1478,7 @@ bool RecordCodec::hand_over(RecordView record, std::string_view line, BAMFileHan
         return false;
     }
     BAMFileHandler::BamRecord& filled = handler.records.back();
-    if (has_float_arrays) uncover_float_arrays(record, filled);
+    if (has_disguise) uncover_fields(record, filled);
     filled.sam_line = line;
     return true;
 }

@@ -2072,20 +2072,40 @@ TEST(RecordCodec, HandOver_RecordsOfEveryKind_AreSerialisedToTheirBytes) {
     }
 }
 
-// A placeholder beside floats called CG must not have these taken for operations.
-TEST(RecordCodec, HandOver_FloatsCalledLikeTheLongCigar_StayFloats) {
-    Codec codec;
-    BAMFileHandler handler = handler_with_references();
-    RawBamRecord record = valid_record();
-    record.cigar = {0x44, 0x63};
-    record.aux = "CGBf\1\0\0\0\xFF\xFF\xFF\xFF"s;
-    std::string const bytes = record.bytes();
-    std::string error;
-    ASSERT_TRUE(codec.codec.hand_over(RecordView(bytes.data()), "line", handler, error)) << error;
-    std::vector<char> serialised;
-    ASSERT_TRUE(handler.serialise_bam_record_to_buffer(handler.records.at(0), serialised));
-    EXPECT_EQ(hex_text(serialised), hex_text(bytes));
-    EXPECT_EQ(handler.records[0].sam_line, "line");
+struct CalledCgCase {
+    char const* label;
+    std::vector<std::uint32_t> cigar;
+    std::string field;
+};
+
+// The handler looks for operations in such a field where a soft clip comes first.
+TEST(RecordCodec, HandOver_FieldCalledLikeTheLongCigar_StaysWhatItIs) {
+    CalledCgCase const cases[] = {
+        {"floats", {0x44, 0x63}, "CGBf\1\0\0\0\xFF\xFF\xFF\xFF"s},
+        {"numbers narrower than operations", {0x44, 0x63}, "CGBc\2\0\0\0\0\1"s},
+        {"text", {0x44, 0x63}, "CGZtext\0"s},
+        {"a number", {0x44, 0x63}, "CGi\1\0\0\0"s},
+        {"operations beside a CIGAR that is none's placeholder",
+         {0x44},
+         "CGBI\1\0\0\0\xFF\xFF\xFF\xFF"s},
+        {"text beside others", {0x44, 0x63}, "XAAxCGZtext\0XBBf\1\0\0\0abcd"s},
+    };
+    for (CalledCgCase const& c : cases) {
+        SCOPED_TRACE(c.label);
+        Codec codec;
+        BAMFileHandler handler = handler_with_references();
+        RawBamRecord record = valid_record();
+        record.cigar = c.cigar;
+        record.aux = c.field;
+        std::string const bytes = record.bytes();
+        std::string error;
+        ASSERT_TRUE(codec.codec.hand_over(RecordView(bytes.data()), "line", handler, error))
+            << error;
+        std::vector<char> serialised;
+        ASSERT_TRUE(handler.serialise_bam_record_to_buffer(handler.records.at(0), serialised));
+        EXPECT_EQ(hex_text(serialised), hex_text(bytes));
+        EXPECT_EQ(handler.records[0].sam_line, "line");
+    }
 }
 
 TEST(RecordCodec, HandOver_HandlerWithoutTheReference_SaysSoAndAppendsNothing) {
