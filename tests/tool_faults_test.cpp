@@ -86,7 +86,7 @@ public:
     }
 
 private:
-    static constexpr char const* OUTPUTS[] = {"out.sam", "out.bam", "out.bam.bai"};
+    static constexpr char const* OUTPUTS[] = {"out.sam", "out.bam", "out.bam.bai", "out.html"};
     static constexpr char const* OLD = "old contents";
 
     TempDir dir_;
@@ -164,6 +164,7 @@ constexpr CommandCase COMMANDS[] = {
     {"info DIR/in.bam", 100},
     {"info DIR/in.bam --exact --json", 100},
     {"validate DIR/in.bam", 100},
+    {"report DIR/in.bam DIR/out.html", 4000},
     {"dump-index DIR/sorted.bam.bai", 100},
 };
 
@@ -267,7 +268,7 @@ TEST_F(ToolFaults, AnyCommand_InputEndsEarly_IsAnErrorUnlessItIsText) {
     for (char const* const line :
          {"convert DIR/in.bam DIR/out.sam", "convert DIR/in.sam.gz DIR/out.bam --quiet",
           "convert DIR/in.bam DIR/out.sam --exact", "convert DIR/in.bam DIR/out.bam --index",
-          "info DIR/in.bam", "view DIR/in.bam --count"}) {
+          "info DIR/in.bam", "view DIR/in.bam --count", "report DIR/in.bam DIR/out.html"}) {
         SCOPED_TRACE(line);
         place.restore_outputs();
         FaultyRun const undisturbed = run_with_faults(place.words(line), "bytes:50");
@@ -299,7 +300,7 @@ TEST_F(ToolFaults, AnyCommand_MemoryRunsOut_OldFilesAndAMessage) {
           "convert DIR/in.sam.gz DIR/out.bam --quiet", "convert DIR/in.bam DIR/out.sam",
           "convert DIR/in.sam DIR/out.bam --exact --index",
           "convert DIR/in.bam DIR/out.sam --exact", "import DIR/in.fastq DIR/out.bam --quiet",
-          "view DIR/sorted.bam chr1:1-200"}) {
+          "view DIR/sorted.bam chr1:1-200", "report DIR/in.bam DIR/out.html"}) {
         SCOPED_TRACE(line);
         FaultyRun const undisturbed = run_with_faults(place.words(line), "");
         expect_done(undisturbed.result);
@@ -421,6 +422,7 @@ constexpr InputCase INPUTS[] = {
     {"info FILE", CANNOT_READ, CANNOT_OPEN},
     {"info FILE --exact --from bam", "Cannot open file FILE", "Cannot open file FILE"},
     {"dump-index FILE", "Cannot open index file FILE", "Cannot open index file FILE"},
+    {"report FILE DIR/out.html", CANNOT_READ, CANNOT_OPEN},
     {"import FILE DIR/out.bam", CANNOT_READ, CANNOT_OPEN},
     {"annotate FILE DIR/out.sam --exact", CANNOT_READ, CANNOT_OPEN},
 };

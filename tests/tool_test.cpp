@@ -1084,11 +1084,9 @@ TEST(Tool, StandardOutput_CannotBeWritten_IsErrorForEveryCommand) {
     TempDir const dir;
     std::string const in = dir.write("in.sam", sample_sam());
     std::string const bai = dir.write("in.bai", build_bai(0, {}, false));
-    std::vector<std::vector<std::string>> const commands = {{"convert", in, "-"},
-                                                            {"info", in},
-                                                            {"info", in, "--json"},
-                                                            {"report", in, "-"},
-                                                            {"dump-index", bai}};
+    std::vector<std::vector<std::string>> const commands = {
+        {"convert", in, "-"}, {"info", in},   {"info", in, "--json"},
+        {"report", in, "-"},  {"completion"}, {"dump-index", bai}};
     for (std::vector<std::string> const& command : commands) {
         SCOPED_TRACE(command[0]);
         expect_failure(run_shell("exec \"$0\" \"$@\" > /dev/full", command), 1,
