@@ -98,8 +98,12 @@ std::string plot_with_numbers(Plot plot, std::string const& definition) {
 
 // --- Summary ---------------------------------------------------------------------
 
+// A long value is set smaller, so that it stays on one line.
 std::string tile(std::string const& name, std::string const& value) {
-    return "<div><dt>" + html_text(name) + "</dt><dd>" + html_text(value) + "</dd></div>\n";
+    constexpr std::size_t LONGEST_LARGE = 9;
+    std::string const style = value.size() > LONGEST_LARGE ? " class=\"long\"" : "";
+    return "<div><dt>" + html_text(name) + "</dt><dd" + style + ">" + html_text(value) +
+           "</dd></div>\n";
 }
 
 std::string score_text(std::optional<double> score) {

@@ -35,10 +35,11 @@ h3 { font-size: 15px; font-weight: 650; margin-bottom: 12px; overflow-wrap: anyw
 header p { margin-top: 4px; }
 .note { font-size: 13px; line-height: 1.45; margin-top: 12px; max-width: 75ch; }
 .empty { color: var(--quiet); padding: 20px 0 8px; }
-.tiles { display: grid; gap: 12px; margin-top: 24px; grid-template-columns: repeat(auto-fit, minmax(136px, 1fr)); }
-.tiles div { background: var(--card); border: 1px solid var(--line); border-radius: 10px; padding: 12px 16px; min-width: 0; }
+.tiles { display: grid; gap: 12px; margin-top: 24px; grid-template-columns: repeat(auto-fit, minmax(148px, 1fr)); }
+.tiles div { background: var(--card); border: 1px solid var(--line); border-radius: 10px; padding: 12px 14px; min-width: 0; }
 .tiles dt { font-size: 13px; color: var(--quiet); }
-.tiles dd { font-size: 20px; line-height: 1.35; font-weight: 600; overflow-wrap: anywhere; }
+.tiles dd { font-size: 20px; line-height: 27px; font-weight: 600; white-space: nowrap; }
+.tiles dd.long { font-size: 15px; }
 .cards { display: grid; gap: 20px; grid-template-columns: repeat(auto-fit, minmax(min(100%, 400px), 1fr)); }
 .stack { display: grid; gap: 20px; align-content: start; min-width: 0; }
 .card { background: var(--card); border: 1px solid var(--line); border-radius: 10px; padding: 18px 20px; min-width: 0; }

@@ -158,6 +158,12 @@ def wide_lengths():
     return lines
 
 
+def large_reads():
+    """Numbers of many digits."""
+    for i in range(8):
+        yield record(f"r{i}", 4, mapq=0, bases="ACGT" * (5_000_000 + 308_641 * i))
+
+
 def many_modifications():
     """More kinds than are drawn, with numbers as codes, unlikely ones and some without."""
     rng = random.Random(7)
@@ -180,6 +186,7 @@ FILES = {
     "nothing": list,
     "references": many_references,
     "wide": wide_lengths,
+    "large": large_reads,
     "modifications": many_modifications,
     "genome": genome,
     "million": a_million,
@@ -292,6 +299,7 @@ DAMAGES = {
     "a title is missing": (r'<title id="lengths-title">.*?</title>', ""),
     "an id twice": (r"<footer>", '<footer id="lengths">'),
     "a picture of others": (r"<footer>", '<footer><img src="other.png" alt="">'),
+    "a long value": (r"(<dt>N50</dt><dd)>", r'\g<1> style="font-size:40px">12345'),
     "a script": (r"<footer>", "<footer><script>1</script>"),
     "a card is empty": (r"<footer>", '<section class="card"><h3>x</h3></section><footer>'),
 }
