@@ -1761,6 +1761,16 @@ TEST(BamReader, Read_Records_TakeNoMoreMemoryThanTheyNeed) {
     EXPECT_EQ(record.qual.capacity(), 4U);
     EXPECT_EQ(record.aux_data.size(), 7U);
     EXPECT_EQ(record.aux_data.capacity(), 7U);
+
+    // Numbers without a zero byte.
+    std::string fields;
+    for (int i = 0; i < 20; ++i) fields += "\tXI:i:16843009";
+    FileRead const numbers =
+        read_bam(bam_of(encode_bam_header("", {}) +
+                        encode_bam_record("r\t4\t*\t0\t0\t*\t*\t0\t0\tACGT\tIIII" + fields, {})));
+    ASSERT_TRUE(numbers.result) << numbers.handler.error_message;
+    EXPECT_EQ(numbers.handler.records.at(0).aux_data.size(), 20U);
+    EXPECT_EQ(numbers.handler.records[0].aux_data.capacity(), 20U);
 }
 
 // Bytes of the heap in use; 0 under sanitizers, which look for leaks by themselves.
