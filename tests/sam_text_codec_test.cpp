@@ -809,6 +809,11 @@ TEST(Cigar, Letter_NotInTheMap_PacksToAllOnes) {
     EXPECT_TRUE(handler.pack_cigar_string("10M2I3M", record, ref_length, 15));
     EXPECT_EQ(words_text(record.cigar), words_text({160, UNKNOWN_OP, 48}));
     EXPECT_EQ(ref_length, 13U);
+
+    // Also where many operations are packed at a time, none of which is in the map.
+    EXPECT_TRUE(handler.pack_cigar_string(repeated("2I", 400), record, ref_length, 0));
+    EXPECT_EQ(words_text(record.cigar), words_text(std::vector<std::uint32_t>(400, UNKNOWN_OP)));
+    EXPECT_EQ(ref_length, 0U);
 }
 
 TEST(Cigar, LongNumber_BehindManyOperations_IsTheLastOne) {
