@@ -29,6 +29,7 @@ LEFT_OUT = [
     "Exact.Convert_FileGrowsTooLarge_IsErrorAndOldFilesStay",
     "Import.BothCommands_OutputAtFault_IsErrorAndOldFileStays",
     "Report.OutputAtFault_IsErrorAndOldPageStays",
+    "ToolFaults.*",
     "Tool.Convert_FileGrowsTooLarge_IsErrorAndOldFilesStay",
     "Tool.Convert_TemporaryFolderAtFault_IsErrorAndOldFileStays",
 ]
