@@ -1,5 +1,9 @@
 """What several tests use."""
 
+import subprocess
+import sys
+import textwrap
+
 import pytest
 
 import tesk_bam
@@ -27,3 +31,18 @@ def sam_file(tmp_path):
     path = tmp_path / "reads.sam"
     path.write_text(HEADER + "".join(line + "\n" for line in LINES))
     return path
+
+
+PEAK_MB = """
+def peak_mb():
+    with open("/proc/self/status") as status:
+        for line in status:
+            if line.startswith("VmHWM"):
+                return int(line.split()[1]) / 1024
+"""
+
+
+def run_measured(program, *arguments):
+    """Runs a Python program, which may call peak_mb(), by itself; returns the words it prints."""
+    command = [sys.executable, "-c", PEAK_MB + textwrap.dedent(program), *arguments]
+    return subprocess.run(command, check=True, capture_output=True, text=True).stdout.split()

@@ -1,12 +1,10 @@
 """A basecaller's output as SAM text, and arrays that are not copied."""
 
 import array
-import subprocess
-import sys
-import textwrap
 
 import numpy
 import pytest
+from conftest import run_measured
 
 import tesk_bam
 from tesk_bam import generate_modbase_string, generate_move_table_string
@@ -308,12 +306,6 @@ MEASURE = """
     import numpy
     import tesk_bam
 
-    def peak_mb():
-        with open("/proc/self/status") as status:
-            for line in status:
-                if line.startswith("VmHWM"):
-                    return int(line.split()[1]) / 1024
-
     probs = numpy.memmap(sys.argv[1], numpy.uint8, "r", shape=(1000, 200_000))
     calls = dict(
         rows=lambda: (probs, 200_000),
@@ -336,8 +328,7 @@ def test_array_of_200_mb_is_not_copied(tmp_path, kind, least, most):
     path = tmp_path / "probs"
     with open(path, "wb") as file:
         file.truncate(200_000_000)
-    program = [sys.executable, "-c", textwrap.dedent(MEASURE), path, kind]
-    grown_mb = float(subprocess.run(program, check=True, capture_output=True, text=True).stdout)
+    (grown_mb,) = map(float, run_measured(MEASURE, path, kind))
     assert least <= grown_mb <= most
 
 

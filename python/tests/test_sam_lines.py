@@ -5,12 +5,11 @@ import io
 import os
 import subprocess
 import sys
-import textwrap
 from pathlib import Path
 
 import pytest
 from bam_reader import make_bam, make_record
-from conftest import HEADER, LINES
+from conftest import HEADER, LINES, run_measured
 
 import tesk_bam
 from tesk_bam import sam_lines
@@ -138,12 +137,6 @@ MEASURE = """
     import sys
     import tesk_bam
 
-    def peak_mb():
-        with open("/proc/self/status") as status:
-            for line in status:
-                if line.startswith("VmHWM"):
-                    return int(line.split()[1]) / 1024
-
     before = peak_mb()
     n_lines = n_bytes = 0
     for line in tesk_bam.sam_lines(sys.argv[1]):
@@ -159,8 +152,7 @@ def test_memory_does_not_grow_with_the_file(tmp_path):
     with open(path, "w") as file:
         for _ in range(100):
             file.write(200 * line)
-    program = [sys.executable, "-c", textwrap.dedent(MEASURE), path]
-    printed = subprocess.run(program, check=True, capture_output=True, text=True).stdout.split()
+    printed = run_measured(MEASURE, path)
     path.unlink()
     assert [int(number) for number in printed[:2]] == [20_000, 20_000 * len(line)]
     assert float(printed[2]) < 20
