@@ -236,14 +236,12 @@ std::string length_cards(ReadLengths const& lengths) {
                             "All bases of primary records, by the length of their read."));
 }
 
-std::string base_quality_card(QualityCounts const& qualities) {
-    char const* const title = "Quality of bases";
-    auto const counts = qualities.bases();
-    std::uint64_t const n = std::accumulate(counts.begin(), counts.end(), std::uint64_t{0});
-    if (n == 0) return card(title, empty("No primary record has qualities."));
-    constexpr std::size_t LEAST_RANGE = 10;
-    std::size_t max = LEAST_RANGE;
-    for (std::size_t score = 0; score < counts.size(); ++score) {
+// A bin for each score from 0 to the largest one that occurs, or a little range.
+// @param n  scores from here on do not count
+template <typename Counts>
+Bins score_bins(Counts const& counts, std::size_t n) {
+    std::size_t max = 10;
+    for (std::size_t score = 0; score < n; ++score) {
         if (counts[score] != 0) max = std::max(max, score);
     }
     Bins bins;
@@ -251,6 +249,15 @@ std::string base_quality_card(QualityCounts const& qualities) {
         auto const number = static_cast<std::int64_t>(score);
         bins.bins.push_back({number, number + 1, counts[score]});
     }
+    return bins;
+}
+
+std::string base_quality_card(QualityCounts const& qualities) {
+    char const* const title = "Quality of bases";
+    auto const counts = qualities.bases();
+    std::uint64_t const n = std::accumulate(counts.begin(), counts.end(), std::uint64_t{0});
+    if (n == 0) return card(title, empty("No primary record has qualities."));
+    Bins const bins = score_bins(counts, counts.size());
     Plot plot;
     plot.id = "base-quality";
     plot.title = title;
@@ -356,20 +363,11 @@ std::string references_card(ReportStatistics const& statistics) {
 
 std::string mapping_quality_card(ReportStatistics const& statistics) {
     constexpr std::size_t NONE = 255;
-    constexpr std::size_t LEAST_RANGE = 10;
     char const* const title = "Mapping quality";
     auto const& counts = statistics.mapping_qualities();
     std::uint64_t const n = std::accumulate(counts.begin(), counts.end(), std::uint64_t{0});
     if (n == 0) return card(title, empty("No primary record is mapped."));
-    std::size_t max = LEAST_RANGE;
-    for (std::size_t mapq = 0; mapq < NONE; ++mapq) {
-        if (counts[mapq] != 0) max = std::max(max, mapq);
-    }
-    Bins bins;
-    for (std::size_t mapq = 0; mapq <= max; ++mapq) {
-        auto const number = static_cast<std::int64_t>(mapq);
-        bins.bins.push_back({number, number + 1, counts[mapq]});
-    }
+    Bins const bins = score_bins(counts, NONE);
     Plot plot;
     plot.id = "mapq";
     plot.title = title;
