@@ -1140,6 +1140,37 @@ TEST(Sequence, Letter_AddedToTheMap_PacksToItsCode) {
     EXPECT_EQ(handler.error_message, "Invalid sequence code detected");
 }
 
+TEST(Sequence, AnyChar_AtAnyPlaceAmongMany_PacksToItsCodeOrIsInvalid) {
+    std::string const letters = "=ACMGRSVTWYHKDBN";
+    BAMFileHandler handler;
+    for (std::size_t const n : {31U, 32U, 33U, 47U, 64U, 75U, 98U}) {
+        for (std::size_t place = 0; place < n; ++place) {
+            SCOPED_TRACE(std::to_string(place) + " of " + std::to_string(n));
+            for (int value = CHAR_MIN; value <= CHAR_MAX; ++value) {
+                std::string text;
+                while (text.size() < n) text += "ACGTNTGCA"[text.size() % 9];
+                text[place] = static_cast<char>(value);
+                std::vector<std::uint8_t> expected((n + 1) / 2);
+                bool is_valid = true;
+                for (std::size_t i = 0; i < n; ++i) {
+                    std::size_t code = text[i] == 'U' ? 8 : letters.find(text[i]);
+                    bool const is_known = code != std::string::npos;
+                    bool const is_checked = n % 2 == 0 || i + 1 < n;
+                    is_valid = is_valid && (is_known || !is_checked);
+                    if (!is_known) code = 15;
+                    expected[i / 2] =
+                        static_cast<std::uint8_t>(expected[i / 2] | code << (i % 2 == 0 ? 4 : 0));
+                }
+                BamRecord record;
+                ASSERT_EQ(handler.pack_seq_string(text, record), is_valid) << value;
+                if (is_valid) {
+                    ASSERT_EQ(hex_text(record.seq), hex_text(expected)) << value;
+                }
+            }
+        }
+    }
+}
+
 TEST(Sequence, Text_InLowerCase_IsInvalid) {
     BAMFileHandler handler;
     BamRecord record;

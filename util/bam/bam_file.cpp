@@ -174,6 +174,15 @@ bool is_any_in_64(char const* bytes, Set set) {
 #endif
 }
 
+// Whether the processor has SSSE3, which takes bytes out of a vector in any order.
+bool has_vector_shuffles() {
+#ifdef TESK_BAM_SSE2
+    return __builtin_cpu_supports("ssse3") != 0;
+#else
+    return false;
+#endif
+}
+
 // Place of the lowest bit that is set; there is one.
 unsigned lowest_bit(std::uint64_t bits) { return static_cast<unsigned>(__builtin_ctzll(bits)); }
 
@@ -705,37 +714,40 @@ struct CigarShuffle {
     std::uint8_t control[16];  // which character becomes a byte; 128 for a zero
     std::uint8_t n_ops;
     std::uint8_t ops;  // a bit for each
-    std::uint8_t n_chars;
 };
-using CigarShuffles = std::array<CigarShuffle, 1U << SHUFFLED_CHARS>;
+struct CigarShuffles {
+    // How many characters are taken: by themselves, so that a processor's nearest
+    // cache holds them, since where the next operations begin waits for them.
+    std::array<std::uint8_t, 1U << SHUFFLED_CHARS> n_chars;
+    std::array<CigarShuffle, 1U << SHUFFLED_CHARS> shuffles;
+};
 
 constexpr CigarShuffles make_cigar_shuffles() {
     constexpr std::uint8_t ZERO = 128;
-    CigarShuffles shuffles{};
-    for (unsigned letters = 0; letters < shuffles.size(); ++letters) {
-        CigarShuffle& shuffle = shuffles[letters];
+    CigarShuffles all{};
+    for (unsigned letters = 0; letters < all.shuffles.size(); ++letters) {
+        CigarShuffle& shuffle = all.shuffles[letters];
+        std::uint8_t& n_chars = all.n_chars[letters];
         for (std::uint8_t& source : shuffle.control) source = ZERO;
         for (std::uint8_t place = 0; place < SHUFFLED_CHARS && shuffle.n_ops < 4; ++place) {
             if ((letters >> place & 1U) == 0) continue;
-            int const n_digits = place - shuffle.n_chars;
+            int const n_digits = place - n_chars;
             if (n_digits < 1 || n_digits > 3) break;
             for (int i = 0; i <= n_digits; ++i) {
                 shuffle.control[4 * shuffle.n_ops + 3 - i] = static_cast<std::uint8_t>(place - i);
             }
             shuffle.ops = static_cast<std::uint8_t>(shuffle.ops | 1U << shuffle.n_ops);
             shuffle.n_ops++;
-            shuffle.n_chars = static_cast<std::uint8_t>(place + 1);
+            n_chars = static_cast<std::uint8_t>(place + 1);
         }
     }
-    return shuffles;
+    return all;
 }
 constexpr CigarShuffles CIGAR_SHUFFLES = make_cigar_shuffles();
 
 // Packs many operations of few digits at a time.
 class ManyOpsPacker {
 public:
-    static bool is_supported() { return __builtin_cpu_supports("ssse3") != 0; }
-
     explicit ManyOpsPacker(OpCodes& codes) {
         for (char const letter : CIGAR_OP_CODES) {
             codes[letter];
@@ -759,14 +771,13 @@ public:
         __m128i const weights = _mm_set1_epi32(1 << 16 | 10 << 8 | 100);
         __m128i const ones = _mm_set1_epi16(1);
         bool is_stopped = false;
-        // A load may reach a few characters behind the group.
-        while (!is_stopped && end - next >= GROUP + 16) {
+        while (!is_stopped && end - next >= GROUP) {
             std::uint64_t const letters = ~find_in_64(next, Digits());
             unsigned place = 0;
             __m128i lengths_of_reference = _mm_setzero_si128();
-            while (place <= GROUP - SHUFFLED_CHARS) {
-                CigarShuffle const& shuffle =
-                    CIGAR_SHUFFLES[letters >> place & (CIGAR_SHUFFLES.size() - 1)];
+            for (unsigned step = 0; step < GROUP / SHUFFLED_CHARS; ++step) {
+                std::size_t const first_letters = letters >> place & ((1U << SHUFFLED_CHARS) - 1);
+                CigarShuffle const& shuffle = CIGAR_SHUFFLES.shuffles[first_letters];
                 __m128i const ops =
                     _mm_shuffle_epi8(load_16(next + place), load_16(shuffle.control));
                 __m128i const digits = _mm_and_si128(ops, _mm_set1_epi32(0x000F0F0F));
@@ -789,7 +800,7 @@ public:
                 lengths_of_reference =
                     _mm_add_epi32(lengths_of_reference, _mm_and_si128(lengths, has_reference));
                 out += shuffle.n_ops;
-                place += shuffle.n_chars;
+                place += CIGAR_SHUFFLES.n_chars[first_letters];
             }
             next += place;
             std::uint32_t sums[4];
@@ -827,7 +838,7 @@ public:
     bool pack(char& letter) {
 #ifdef TESK_BAM_SSE2
         constexpr std::ptrdiff_t LONG_TEXT = 512;
-        if (end_ - next_ >= LONG_TEXT && ManyOpsPacker::is_supported()) {
+        if (end_ - next_ >= LONG_TEXT && has_vector_shuffles()) {
             ManyOpsPacker const packer(codes_);
             while (end_ - next_ >= LONG_TEXT) {
                 packer.pack(next_, end_, out_, out_end_, reference_length_);
@@ -944,33 +955,55 @@ bool pack_known_pairs(char const* bases, std::size_t n_pairs, std::uint8_t* pack
     return unknown >= 0;
 }
 
-// Packs eight pairs of bases; false where one is not of A, C, G, T and N.
+constexpr std::size_t PAIRS_AT_A_TIME = 16;
+
 #ifdef TESK_BAM_SSE2
-bool pack_common_bases(char const* bases, std::uint8_t* packed) {
-    __m128i const letters = load_16(bases);
-    __m128i codes = _mm_setzero_si128();
-    for (char const letter : {'A', 'C', 'G', 'T', 'N'}) {
-        __m128i const code = _mm_set1_epi8(SEQ_TABLE[static_cast<unsigned char>(letter)]);
-        codes = _mm_or_si128(codes, _mm_and_si128(are_in(letters, Char{letter}), code));
+
+// Packs pairs of bases, of which there are PAIRS_AT_A_TIME at least; the number done
+// before one that is not of A, C, G, T and N, or all.
+__attribute__((target("ssse3"))) std::size_t pack_common_pairs(char const* bases,
+                                                               std::size_t n_pairs,
+                                                               std::uint8_t* packed) {
+    // Both at the low half of a letter. At place 0, too, there is no NUL.
+    alignas(16) static constexpr char LETTERS[16] = {1, 'A', 0, 'C', 'T', 0, 0,   'G',
+                                                     0, 0,   0, 0,   0,   0, 'N', 0};
+    alignas(16) static constexpr char CODES[16] = {0, 1, 0, 2, 8, 0, 0, 4, 0, 0, 0, 0, 0, 0, 15, 0};
+    __m128i const letters = load_16(LETTERS);
+    __m128i const codes = load_16(CODES);
+    // Of each pair the first base becomes the high half.
+    __m128i const weights = _mm_set1_epi16(1 << 8 | 16);
+    for (std::size_t done = 0;;) {
+        // The last ones may be done twice.
+        std::size_t const k = std::min(done, n_pairs - PAIRS_AT_A_TIME);
+        __m128i const first = load_16(bases + 2 * k);
+        __m128i const second = load_16(bases + 2 * k + 16);
+        __m128i const are_common =
+            _mm_and_si128(_mm_cmpeq_epi8(_mm_shuffle_epi8(letters, first), first),
+                          _mm_cmpeq_epi8(_mm_shuffle_epi8(letters, second), second));
+        if (_mm_movemask_epi8(are_common) != 0xFFFF) return done;
+        __m128i const pairs =
+            _mm_packus_epi16(_mm_maddubs_epi16(_mm_shuffle_epi8(codes, first), weights),
+                             _mm_maddubs_epi16(_mm_shuffle_epi8(codes, second), weights));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(packed + k), pairs);
+        done = k + PAIRS_AT_A_TIME;
+        if (done == n_pairs) return done;
     }
-    __m128i const unknown = _mm_cmpeq_epi8(codes, _mm_setzero_si128());
-    // Of each pair the first base is the low byte, and becomes the high half.
-    __m128i const high = _mm_and_si128(_mm_slli_epi16(codes, 4), _mm_set1_epi16(0xF0));
-    __m128i const pairs = _mm_or_si128(high, _mm_srli_epi16(codes, 8));
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(packed), _mm_packus_epi16(pairs, pairs));
-    return _mm_movemask_epi8(unknown) == 0;
 }
+
 #else
-bool pack_common_bases(char const*, std::uint8_t*) { return false; }
+std::size_t pack_common_pairs(char const*, std::size_t, std::uint8_t*) { return 0; }
 #endif
 
 // Packs pairs of bases; false where one is not in the constant table.
 bool pack_pairs(char const* bases, std::size_t n_pairs, std::uint8_t* packed) {
+    bool const has_shuffles = has_vector_shuffles();
     std::size_t k = 0;
-    for (; n_pairs - k >= 8; k += 8) {
-        bool const done = pack_common_bases(bases + 2 * k, packed + k) ||
-                          pack_known_pairs(bases + 2 * k, 8, packed + k);
-        if (!done) return false;
+    while (n_pairs - k >= PAIRS_AT_A_TIME) {
+        if (has_shuffles) k += pack_common_pairs(bases + 2 * k, n_pairs - k, packed + k);
+        // Those around another one.
+        std::size_t const n = std::min(n_pairs - k, PAIRS_AT_A_TIME);
+        if (!pack_known_pairs(bases + 2 * k, n, packed + k)) return false;
+        k += n;
     }
     return pack_known_pairs(bases + 2 * k, n_pairs - k, packed + k);
 }
