@@ -66,7 +66,7 @@ class Effort:
 
     size: float  # MB of SAM text of each kind
     pairs: int  # that medians are taken of
-    min_sample: float  # seconds that each side of a pair takes at least
+    min_sample: float  # seconds that each side of a pair takes at least; see pairs.h
     n_lines: int  # that are looked up
     warm: bool = False  # whether the heap keeps its memory; see pairs.h
 
@@ -82,7 +82,7 @@ class Effort:
         return dataclasses.replace(self, size=self.size * scale, pairs=pairs)
 
 
-FULL = Effort(size=105, pairs=9, min_sample=1.5, n_lines=1_000_000)
+FULL = Effort(size=105, pairs=9, min_sample=0.25, n_lines=1_000_000)
 # Little enough for a processor's own caches: how much of those that processors share
 # is there for us depends on what else runs.
 QUICK = Effort(size=2, pairs=3, min_sample=0.1, n_lines=100_000, warm=True)
